@@ -1,0 +1,15 @@
+# Cross build for the target board: 32-bit big-endian PowerPC Linux.
+# Tests run under qemu-ppc through CMAKE_CROSSCOMPILING_EMULATOR.
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_SYSTEM_PROCESSOR powerpc)
+set(CMAKE_C_COMPILER powerpc-linux-gnu-gcc)
+set(CMAKE_CXX_COMPILER powerpc-linux-gnu-g++)
+set(CMAKE_FIND_ROOT_PATH /usr/powerpc-linux-gnu)
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+find_program(DTKIT_QEMU_PPC qemu-ppc)
+if(DTKIT_QEMU_PPC)
+  set(CMAKE_CROSSCOMPILING_EMULATOR ${DTKIT_QEMU_PPC} -L /usr/powerpc-linux-gnu)
+endif()

@@ -1,0 +1,133 @@
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "dttest.h"
+#include "foundation/DTMem.h"
+#include "foundation/DTPrint_internal.h"
+
+namespace {
+
+// Static blocks are never released; a host keeps them, and so must the leak checker see them kept.
+void *g_kept[16];
+unsigned g_keptCount;
+uint8_t *Static(uint32_t owner, uint32_t size) {
+    return static_cast<uint8_t *>(g_kept[g_keptCount++ % 16] = DTMem_Malloc_Static(owner, size));
+}
+
+std::string Fmt(const char *fmt, unsigned v) {
+    char buf[64];
+    return std::string(buf, size_t(snprintf(buf, sizeof buf, fmt, v)));
+}
+
+// The first show makes the self print object, counted in slot 0 with its header.
+std::string Slot0(unsigned extra, unsigned calls, unsigned frees = 0) {
+    return Fmt("    0  0x%08x", unsigned(sizeof(DTPrint)) + 4 + extra) + Fmt("      %4d", calls) + Fmt("    %4d\n", frees);
+}
+
+std::vector<std::string> Show() {
+    dttest::ClearConsole();
+    DTMem_Show();
+    return dttest::Console();
+}
+
+std::vector<std::string> Expected(std::vector<std::string> slots, unsigned left, unsigned times, unsigned carved) {
+    slots.insert(slots.begin(), {"   id        size    malloc    free\n", std::string(37, '-') + "\n"});
+    slots.insert(slots.end(), {"\n", Fmt("static memory : left         = 0x%08x\n", left),
+                               Fmt("static memory : times        = %d\n", times),
+                               Fmt("static memory : malloc times = %d\n", carved)});
+    return slots;
+}
+
+TEST(DTMem, ShowCountsHeaderPerSlotAndHidesEmptySlots) {
+    void *p = DTMem_Malloc(7, 10);
+    void *q = DTMem_Malloc(263, 0);  // slot 7 too: the header alone
+    ASSERT_TRUE(p && q);
+    DTMem_Free(3, nullptr);
+    EXPECT_EQ(Show(), Expected({Slot0(0, 1), "    7  0x00000012         2       0\n"}, 0, 0, 0));
+    DTMem_Free(7, p);
+    DTMem_Free(7, q);
+    EXPECT_EQ(Show(), Expected({Slot0(0, 1)}, 0, 0, 0));
+    EXPECT_EQ(dttest::LiveBlocks(), 1);
+}
+
+TEST(DTMem, StaticPoolCarvesChunksAndBypassesLargeRequests) {
+    EXPECT_EQ(DTMem_Malloc_Static(0, 0), nullptr);
+    uint8_t *a = Static(0, 5), *b = Static(0, 5);
+    EXPECT_EQ(b - a, 8);
+    DTMem_Free(0, b);  // pool blocks have no header: ignored, not handed to the platform
+    EXPECT_EQ(Show(), Expected({Slot0(0x100004, 2)}, 0x100000 - 16, 1, 2));
+    Static(5, 0x80001);  // an ordinary block of 0x80004
+    uint8_t *half = Static(0, 0x80000);
+    EXPECT_EQ(half, b + 8);
+    EXPECT_EQ(Show(), Expected({Slot0(0x100004, 2), "    5  0x00080008         1       0\n"}, 0x7fff0, 1, 3));
+    // 16 bytes short: a fresh chunk, and the old tail is never used again.
+    uint8_t *next = Static(0, 0x80000), *after = Static(0, 4);
+    EXPECT_NE(next, half + 0x80000);
+    EXPECT_EQ(after, next + 0x80000);
+    EXPECT_EQ(Show(), Expected({Slot0(0x200008, 3), "    5  0x00080008         1       0\n"}, 0x7fffc, 2, 5));
+}
+
+TEST(DTMem, OutOfMemoryAndWrappingSizesMoveNoCounter) {
+    // Sizes that would wrap with their header or rounding never reach the platform.
+    EXPECT_TRUE(!DTMem_Malloc(4, 0xFFFFFFFD) && !DTMem_New(0xFFFFFFF9, 0) && !DTMem_Malloc_Static(4, 0xFFFFFFFE));
+    EXPECT_EQ(dttest::MallocCalls(), 0u);
+    dttest::FailMallocAt(1);
+    EXPECT_EQ(DTMem_Malloc(4, 10), nullptr);
+    EXPECT_EQ(Show(), Expected({Slot0(0, 1)}, 0, 0, 0));
+
+    DTMemBlock *m = DTMem_New(4, 0);
+    ASSERT_NE(m, nullptr);
+    DTMem_memcpy(m, 0, "wxyz", 4);
+    dttest::FailMallocAt(1);
+    EXPECT_EQ(DTMem_realloc(m, 64), nullptr);
+    EXPECT_EQ(DTMem_memcmp(m, 0, "wxyz", 4), 0);  // the old object is still whole
+    m = DTMem_realloc(m, 64);
+    ASSERT_TRUE(m && m->size == 64 && DTMem_memcmp(m, 0, "wxyz", 4) == 0);
+    m = DTMem_realloc(m, 2);  // a shrink keeps what fits
+    ASSERT_TRUE(m && m->size == 2 && DTMem_memcmp(m, 0, "wx", 2) == 0);
+    DTMem_Release(m);
+
+    dttest::FailMallocAt(1);  // no chunk: an ordinary block, and the next call tries again
+    EXPECT_TRUE(Static(0, 8) && Static(0, 8));
+    EXPECT_EQ(Show(), Expected({Slot0(0x100004 + 12, 6, 3)}, 0x100000 - 8, 1, 1));
+}
+
+TEST(DTMem, OffsetOperationsStopAtTheEnd) {
+    DTMemBlock *m = DTMem_New(10, 0);
+    ASSERT_NE(m, nullptr);
+    uint8_t dst[8];
+    struct { uint32_t off, len, want; } cases[] = {
+        {0, 10, 10}, {9, 1, 1}, {8, 5, 2}, {10, 1, 0}, {0xFFFFFFFF, 2, 0}, {3, 0, 0}};
+    for (const auto &c : cases) {
+        EXPECT_EQ(DTMem_memcpy(m, c.off, "ABCDEFGHIJ", c.len), c.want) << c.off;
+        EXPECT_EQ(DTMem_memget(m, c.off, dst, c.len > 8 ? 8 : c.len), c.want > 8 ? 8 : c.want) << c.off;
+    }
+    EXPECT_EQ(DTMem_memcmp(m, 0, "ABCDEFGHAB", 10), 0);
+    DTMem_memset(m, 8, 0x17A, 5);
+    EXPECT_EQ(DTMem_memcmp(m, 6, "GHzz", 4), 0);
+    EXPECT_LT(DTMem_memcmp(m, 0, "ABD", 3), 0);
+    EXPECT_TRUE(DTMem_Get(m, 9) == m->data + 9 && !DTMem_Get(m, 10) && !DTMem_realloc(nullptr, 4));
+    // A compare that would read past the end is refused like a bad offset.
+    for (int32_t r : {DTMem_memcmp(m, 8, "zz\0", 3), DTMem_memcmp(m, 10, "", 0), DTMem_memcmp(nullptr, 0, "", 0)})
+        EXPECT_EQ(r, -1);
+    EXPECT_EQ(DTMem_memget(m, 0, nullptr, 1) + DTMem_memcpy(m, 0, nullptr, 1) + DTMem_memget(nullptr, 0, dst, 1), 0u);
+    DTMem_memset(nullptr, 0, 0, 1);
+    DTMem_Release(nullptr);
+    DTMem_Release(m);
+    EXPECT_EQ(dttest::LiveBlocks(), 0);
+}
+
+TEST(DTMem, StaticObjectsStayPut) {
+    DTMemBlock *m = DTMem_New(16, 7);
+    ASSERT_TRUE((g_kept[0] = m) && m->isStatic == 7);
+    DTMem_Release(m);
+    DTMem_LocalFree(m);
+    EXPECT_EQ(DTMem_realloc(m, 64), m);
+    EXPECT_EQ(DTMem_memcpy(m, 0, "0123456789abcdefgh", 18), 16u);  // still 16 bytes, still ours
+    EXPECT_EQ(Show(), Expected({Slot0(0x100004, 2)}, 0x100000 - 24, 1, 1));
+}
+
+}  // namespace

@@ -1,0 +1,88 @@
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "dttest.h"
+#include "foundation/DTPrint.h"
+#include "foundation/DTPrint_internal.h"
+
+namespace {
+
+using Calls = std::vector<std::string>;
+
+TEST(DTPrint, ShowHandsOverOneLinePerCall) {
+    DTPrint_Show("ab", 0);
+    EXPECT_TRUE(dttest::Console().empty());
+    DTPrint_Show("c\nde\n", 0);
+    DTPrint_Puts("x", 0);
+    DTPrint_Show("yz", 1);
+    DTPrint_ShowEx("w", 0);
+    DTPrint_Show(nullptr, 0);
+    DTPrint_Show(nullptr, -1);
+    DTPrint_Show(nullptr, 5);
+    DTPrint_Show(std::string(1500, 'q').c_str(), 0);
+    DTPrint_ShowEx("", 0);
+    EXPECT_EQ(dttest::Console(), (Calls{"abc\n", "de\n", "x\n", "yw", std::string(999, 'q'), std::string(501, 'q')}));
+}
+
+TEST(DTPrint, PrintChRunsWithPrintingOnAndOff) {
+    char buf[10];
+    DTPrint *p = DTPrint_New(buf, sizeof buf);
+    ASSERT_NE(p, nullptr);
+    DTPrint_PrintCh(p, 0x12A, 25);  // only the low byte counts
+    EXPECT_EQ(dttest::Console(), (Calls{"*********", "*********"}));
+    EXPECT_EQ(p->length, 7);
+    DTPrint_SetPrint(p, 0);
+    DTPrint_Flush(p);
+    EXPECT_EQ(p->length, 7);
+    DTPrint_PrintCh(p, '-', 5);  // the full buffer is dropped and writing restarts
+    EXPECT_EQ(p->length, 3);
+    DTPrint_SetPrint(p, 1);
+    DTPrint_Release(p);
+    EXPECT_EQ(dttest::Console(), (Calls{"*********", "*********", "---"}));
+    EXPECT_EQ(dttest::LiveBlocks(), 0);
+}
+
+TEST(DTPrint, PrintNeverCutsAString) {
+    char buf[10];
+    for (uint32_t on : {1u, 0u}) {
+        dttest::ClearConsole();
+        DTPrint *p = DTPrint_New(buf, sizeof buf);
+        ASSERT_NE(p, nullptr);
+        DTPrint_SetPrint(p, on);
+        DTPrint_Print(p, "abcd", 3);
+        EXPECT_EQ(p->length, 4);
+        DTPrint_Print(p, "0123456789ABCDEFGHIJ", 2);
+        DTPrint_Print(p, nullptr, 1);
+        DTPrint_Print(p, "", 1);
+        EXPECT_EQ(p->length, 0);
+        Calls want{"abcdabcd", "abcd", "0123456789ABCDEFGHIJ", "0123456789ABCDEFGHIJ"};
+        EXPECT_EQ(dttest::Console(), on ? want : Calls{});
+        DTPrint_Release(p);
+    }
+}
+
+TEST(DTPrint, UnusableBuffersAreRefused) {
+    char buf[4] = {'Z', 'Z', 'Z', 'Z'};
+    EXPECT_EQ(DTPrint_New(buf, 1), nullptr);
+    EXPECT_EQ(DTPrint_New(buf, -5), nullptr);
+    EXPECT_EQ(DTPrint_New(nullptr, 10), nullptr);
+    DTPrint *p = DTPrint_New(buf, 2);  // the smallest that can make progress
+    ASSERT_TRUE(p && buf[0] == '\0' && buf[1] == 'Z');
+    DTPrint_PrintCh(p, 'a', 3);
+    DTPrint_Print(p, "b", 2);
+    DTPrint_Release(p);
+    EXPECT_EQ(dttest::Console(), (Calls{"a", "a", "a", "b", "b"}));
+    DTPrint_PrintCh(nullptr, 'a', 1), DTPrint_Print(nullptr, "a", 1), DTPrint_Flush(nullptr);
+    DTPrint_SetPrint(nullptr, 1), DTPrint_Release(nullptr);
+    dttest::FailMallocAt(1);
+    EXPECT_EQ(DTPrint_New(buf, 4), nullptr);
+    dttest::FailMallocAt(1);  // the self object cannot be made: silence, then a retry
+    DTPrint_Show("lost\n", 0);
+    DTPrint_Puts("kept", 0);
+    EXPECT_EQ(dttest::Console().back(), "kept\n");
+    EXPECT_EQ(dttest::Console().size(), 6u);
+}
+
+}  // namespace

@@ -1,0 +1,23 @@
+# Host overrides of the platform layer, with the static and the shared library.
+set(_pdir ${CMAKE_CURRENT_SOURCE_DIR}/platform)
+foreach(kind static shared)
+  add_executable(override_host_${kind} ${_pdir}/override_host.c)
+  target_compile_options(override_host_${kind} PRIVATE -Wall -Wextra -Werror -std=c99)
+  if(kind STREQUAL static)
+    target_link_libraries(override_host_${kind} PRIVATE dtkit_static)
+  else()
+    target_link_libraries(override_host_${kind} PRIVATE dtkit)
+  endif()
+  add_test(NAME platform_override_${kind} COMMAND override_host_${kind})
+  set_tests_properties(platform_override_${kind} PROPERTIES ENVIRONMENT "${DTKIT_TEST_ENV}")
+endforeach()
+
+add_test(NAME platform_no_allocation
+  COMMAND sh ${_pdir}/check_no_alloc.sh ${CMAKE_NM} $<TARGET_OBJECTS:dtkit_obj>
+  COMMAND_EXPAND_LISTS)
+
+# A host that has only the installed tree finds and links the library.
+if(NOT CMAKE_CROSSCOMPILING AND NOT DTKIT_SANITIZE)
+  add_test(NAME platform_install_consumer
+    COMMAND sh ${_pdir}/consumer/run.sh ${CMAKE_BINARY_DIR} ${_pdir}/consumer ${CMAKE_COMMAND})
+endif()

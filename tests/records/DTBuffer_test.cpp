@@ -1,0 +1,97 @@
+#include "records/DTBuffer.h"
+
+#include <gtest/gtest.h>
+
+#include <stdlib.h>
+#include <string.h>
+#include <time.h>
+
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "dttest.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+using Lines = std::vector<std::string>;
+
+TEST(DTBuffer, SizesAndFieldCounts) {
+    struct { const char *fmt; uint32_t size, fields; } cases[] = {
+        {"BIIIH", 15, 5}, {"TBhI3S4S5S", 23, 7}, {"5I", 4, 1},   {"3 S", 0, 1}, {"1 2S", 2, 1},
+        {"12s", 12, 1},   {"*%dS", 0, 1},        {"xyz-", 0, 0}, {"", 0, 0},    {"3000000000s", 0, 1},
+    };
+    for (auto &c : cases) {
+        uint32_t fields = 77;
+        EXPECT_EQ(c.size, DTBuffer_GetPackSize(c.fmt, &fields)) << c.fmt;
+        EXPECT_EQ(c.fields, fields) << c.fmt;
+    }
+}
+
+TEST(DTBuffer, PackAndExtract) {
+    uint8_t buf[32];
+    memset(buf, 0xEE, sizeof buf);
+    EXPECT_EQ(15u, DTBuffer_Pack(buf, "I H-B h2si", 0x12345678u, 0x1234, 0x1FF, -2, "xyz", -3));
+    EXPECT_EQ((Bytes{0x12, 0x34, 0x56, 0x78, 0x12, 0x34, 0xFF, 0xFF, 0xFE, 'x', 'y', 0xFF, 0xFF, 0xFF, 0xFD, 0xEE}),
+              Bytes(buf, buf + 16));
+    EXPECT_EQ(0u, DTBuffer_Pack(nullptr, "I", 1));
+
+    EXPECT_EQ(20u, DTBuffer_Pack(buf, "bHhiT2S5sS", 200, 0xBEEF, -300, -5, 0x6AFC18BF, "\x01\x02", "abcde", "x"));
+    uint8_t b = 0;
+    uint16_t H = 0;
+    int16_t h = 0;
+    int32_t i = 0;
+    uint32_t T = 0;
+    char S[3], s[6] = "#####", empty[2] = "?";
+    EXPECT_EQ(8, DTBuffer_UNPack("bHhiT2S5sS", buf, &b, &H, &h, &i, &T, S, s, empty));
+    EXPECT_EQ(std::make_tuple(200, 0xBEEF, -300, -5, 0x6AFC18BFu), std::make_tuple(int{b}, int{H}, int{h}, i, T));
+    EXPECT_EQ(0, memcmp(S, "\x01\x02", 3));
+    EXPECT_EQ(0, memcmp(s, "abcde", 6));
+    EXPECT_STREQ("", empty);
+}
+
+std::string Joined(const Lines &lines, size_t from) {
+    std::string out;
+    for (size_t k = from; k < lines.size(); ++k) out += lines[k];
+    return out;
+}
+
+Lines Dump(const char *fmt, const Bytes &src) {
+    dttest::ClearConsole();
+    uint32_t fields = 0;
+    DTBuffer_GetPackSize(fmt, &fields);
+    EXPECT_EQ(static_cast<int32_t>(fields), DTBuffer_UNPack(fmt, src.data())) << fmt;
+    return dttest::Console();
+}
+
+TEST(DTBuffer, DumpLines) {
+    setenv("TZ", "UTC", 1);
+    tzset();
+    EXPECT_EQ((Lines{"format:*3S\n", "0001[3S]=>\n", "41 42 43 \n"}), Dump("*3S", {0x41, 0x42, 0x43}));
+    Bytes rec = {0x0A, 0xFF, 0x80, 0x00, 0x80, 0x00, 0x00, 0x00, 0x00, 0x2A, 0xFF, 0xFF,
+                 0xFF, 0xFF, 0x6A, 0xFC, 0x18, 0xBF, 'a', 'b', 0, 'd', 0x01};
+    EXPECT_EQ((Lines{"format:*BbHh I.i T4s1S\n", "0001[B]=>0x0A<\n", "0002[B]=>255<\n", "0003[H]=>0x8000<\n",
+                     "0004[h]=>-32768<\n", "0005[I]=>0x0000002A<\n", "0006[i]=>-1<\n",
+                     "0007[T]=>2026/11/17 09:05:03<\n", "0008[4s]=>ab<\n", "0009[1S]=>\n", "01 \n"}),
+              Dump("*BbHh I.i T4s1S", rec));
+    EXPECT_EQ((Lines{"format:*S\n", "0001[0S]=>\n", "\n"}), Dump("*S", {0}));
+}
+
+TEST(DTBuffer, DumpLongFieldsWhole) {
+    EXPECT_EQ("0001[1500s]=>" + std::string(1500, 'q') + "<\n", Joined(Dump("*1500s", Bytes(1500, 'q')), 1));
+
+    Bytes bytes(4000);
+    std::string want = "0001[4000S]=>\n";
+    for (size_t k = 0; k < bytes.size(); ++k) {
+        bytes[k] = static_cast<uint8_t>(k * 7);
+        want += "0123456789ABCDEF"[bytes[k] >> 4];
+        want += "0123456789ABCDEF"[bytes[k] & 15];
+        want += k % 16 == 15 || k + 1 == bytes.size() ? " \n" : " ";
+    }
+    Lines lines = Dump("*4000S", bytes);
+    EXPECT_EQ(2u + 250u, lines.size());  // format, header, one hand-over per 16-byte line
+    EXPECT_EQ(want, Joined(lines, 1));
+}
+
+}  // namespace

@@ -1,0 +1,73 @@
+#include "records/DTTime.h"
+
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/time.h>
+#include <time.h>
+
+#include <string>
+
+namespace {
+
+std::string Fmt(const char *pattern, int32_t t) {
+    char buf[64];
+    memset(buf, '#', sizeof buf);
+    DTTime_Format(buf, pattern, t);
+    EXPECT_EQ('#', buf[strlen(pattern) + 1]) << pattern;  // never writes past pattern length + 1
+    return buf;
+}
+
+TEST(DTTime, FormatTokens) {
+    setenv("TZ", "UTC", 1);
+    tzset();
+    const int32_t t2026 = 1794906303, t2005 = 1104635045;  // 2026-11-17 09:05:03, 2005-01-02 03:04:05
+    struct { const char *pattern; int32_t t; const char *want; } cases[] = {
+        {"YY/MM/DD HH:MI:SS", t2026, "26/11/17 09:05:03"}, {"YYYY/MM/DD HH:MI:SS", t2026, "2026/11/17 09:05:03"},
+        {"mm/dd hh:mi:ss", t2026, "11/17 9:5:3"},          {"MM/DD HH:MI:SS ", t2026, "11/17 09:05:03 "},
+        {"yy|mm|dd|hh|mi|ss", t2005, "5|1|2|3|4|5"},       {"YY-MM-DD", t2005, "05-01-02"},
+        {"YYYYYY", t2026, "202626"},                       {"YYY", t2026, "26Y"},
+        {"YYYYY", t2026, "2026Y"},                         {"MMI", t2026, "11I"},
+        {"Y M D H I S mM yY", t2026, "Y M D H I S mM yY"}, {"", t2026, ""},
+        {"SSMISS", -1, "595959"},
+    };
+    for (auto &c : cases) EXPECT_EQ(c.want, Fmt(c.pattern, c.t)) << c.pattern;
+    int32_t before = DTTime_Now();
+    std::string now = Fmt("YYYYMMDDHHMISS", 0);
+    EXPECT_TRUE(now == Fmt("YYYYMMDDHHMISS", before) || now == Fmt("YYYYMMDDHHMISS", DTTime_Now())) << now;
+}
+
+TEST(DTTime, ClockReadings) {
+    int32_t now = DTTime_Now();
+    EXPECT_LE(static_cast<uint32_t>(time(nullptr)) - static_cast<uint32_t>(now), 1u);
+    EXPECT_LE(static_cast<uint32_t>(DTTime_GetTime(INT32_MIN)) - static_cast<uint32_t>(now) - 0x80000000u, 1u);
+    // The counter is the low 32 bits of the wall clock in microseconds;
+    // unsigned differences make the bracket hold across a wrap.
+    struct timeval tv;
+    gettimeofday(&tv, nullptr);
+    uint32_t a = static_cast<uint32_t>(static_cast<uint64_t>(tv.tv_sec) * 1000000u + tv.tv_usec);
+    uint32_t u = DTTime_GetUTime();
+    DTTime_Sleep(30);
+    uint32_t elapsed = DTTime_GetUTime() - u;
+    EXPECT_LT(u - a, 1000000u);
+    EXPECT_GE(elapsed, 30000u);
+    EXPECT_LT(elapsed, 5000000u);
+}
+
+void OnAlarm(int) {}
+
+TEST(DTTime, SleepCutShortBySignalIsNotResumed) {
+    struct sigaction sa;
+    memset(&sa, 0, sizeof sa);
+    sa.sa_handler = OnAlarm;  // no SA_RESTART, so the signal ends usleep early
+    sigaction(SIGALRM, &sa, nullptr);
+    struct itimerval it = {{0, 0}, {0, 50000}};
+    setitimer(ITIMER_REAL, &it, nullptr);
+    uint32_t start = DTTime_GetUTime();
+    DTTime_Sleep(3000);
+    EXPECT_LT(DTTime_GetUTime() - start, 2000000u);
+}
+
+}  // namespace

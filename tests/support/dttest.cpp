@@ -1,0 +1,88 @@
+#include "dttest.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+
+#include "platform/DTPlatform.h"
+
+namespace {
+std::vector<std::string> g_console;
+std::vector<uint32_t> g_delays;
+uint32_t g_mallocCalls = 0;
+uint32_t g_failAt = 0;    // absolute call number that fails, 0 = none
+uint32_t g_failFrom = 0;  // absolute call number from which all fail, 0 = none
+int64_t g_live = 0;
+uint32_t g_snprintfCalls = 0;
+}  // namespace
+
+namespace dttest {
+const std::vector<std::string> &Console() { return g_console; }
+std::string ConsoleText() {
+    std::string all;
+    for (const auto &s : g_console) all += s;
+    return all;
+}
+void ClearConsole() { g_console.clear(); }
+void FailMallocAt(uint32_t k) { g_failAt = k ? g_mallocCalls + k : 0; }
+void FailMallocFrom(uint32_t k) { g_failFrom = k ? g_mallocCalls + k : 0; }
+uint32_t MallocCalls() { return g_mallocCalls; }
+int64_t LiveBlocks() { return g_live; }
+const std::vector<uint32_t> &Delays() { return g_delays; }
+void ClearDelays() { g_delays.clear(); }
+uint32_t SnprintfCalls() { return g_snprintfCalls; }
+}  // namespace dttest
+
+extern "C" {
+
+#if defined(__SANITIZE_ADDRESS__)
+// The library keeps pointers in 4-byte-aligned blocks on 64-bit hosts, which
+// the leak checker only follows with use_unaligned; the static pool is never
+// given back by design.
+const char *__asan_default_options() { return "detect_leaks=1"; }
+const char *__lsan_default_options() {
+    return "use_unaligned=1:suppressions=" DTKIT_LSAN_SUPPRESSIONS;
+}
+const char *__ubsan_default_options() { return "halt_on_error=1:print_stacktrace=1"; }
+#endif
+
+void *Kybe_Malloc(uint32_t size) {
+    ++g_mallocCalls;
+    if (g_failAt && g_mallocCalls == g_failAt) return nullptr;
+    if (g_failFrom && g_mallocCalls >= g_failFrom) return nullptr;
+    void *p = malloc(size ? size : 1);
+    if (p) ++g_live;
+    return p;
+}
+
+void Kybe_Free(void *ptr) {
+    if (ptr) --g_live;
+    free(ptr);
+}
+
+int Kybe_RawPrint(const char *format, ...) {
+    va_list ap;
+    va_start(ap, format);
+    va_list ap2;
+    va_copy(ap2, ap);
+    int n = vsnprintf(nullptr, 0, format, ap);
+    va_end(ap);
+    std::string s(n > 0 ? static_cast<size_t>(n) : 0, '\0');
+    if (n > 0) vsnprintf(&s[0], s.size() + 1, format, ap2);
+    va_end(ap2);
+    g_console.push_back(s);
+    return n;
+}
+
+void Kybe_Delay(uint32_t units) { g_delays.push_back(units); }
+
+int Lumo_snprintf(char *buffer, size_t size, const char *format, ...) {
+    ++g_snprintfCalls;
+    va_list ap;
+    va_start(ap, format);
+    int n = vsnprintf(buffer, size, format, ap);
+    va_end(ap);
+    return n;
+}
+
+}  // extern "C"
