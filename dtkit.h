@@ -9,8 +9,16 @@
 #include "foundation/DTString.h"
 
 #include "containers/DTList.h"
+#include "containers/DTBuf.h"
+#include "containers/DTHash.h"
+#include "containers/DTMD5.h"
+#include "containers/DTSet.h"
 
 #include "records/DTTime.h"
 #include "records/DTBuffer.h"
+#include "records/DTInfo.h"
+#include "records/DTLogger.h"
+
+#include "table/DTTable.h"
 
 #endif

@@ -87,12 +87,45 @@ static void demo_pack(void) {
     DTBuffer_UNPack("*BIhT6s", rec);
 }
 
+static void demo_logger(void) {
+    /* A 2 KiB log: the first lines are overwritten once it works as a ring,
+     * and the show lists the newest survivors, oldest first. */
+    DTLogger *log = DTLogger_New(255 & ~DTLOGGER_ECHO);
+    DTLogger_SetInfoSize(log, 2048);
+    for (int i = 0; i < 120; ++i)
+        DTLogger_Write(log, 1, DTString_SFormat("poll %03d: link ok, rx %d tx %d", i, i * 17, i * 5));
+    printf("\n");
+    DTPrint_Puts("log after 120 lines in a 2 KiB store:", 0);
+    DTLogger_ShowInfo(log, 0);
+    DTLogger_Release(log);
+}
+
+static void demo_memory_table(void) {
+    DTTable *t = DTTable_New();
+    DTTable_SetCaption(t, "host memory by owner");
+    DTTable_SetTitle(t, 0, "owner id", DTTABLE_KIND_INT32, "%d", 'R');
+    DTTable_SetTitle(t, 1, "bytes", DTTABLE_KIND_INT32, "%d", 'R');
+    DTTable_SetTitle(t, 2, "allocations", DTTABLE_KIND_INT32, "%d", 'R');
+    DTTable_SetTitle(t, 3, "releases", DTTABLE_KIND_INT32, "%d", 'R');
+    for (int i = 0; i < OWNERS; ++i) {
+        DTTable_Set(t, i, 0, &g_owner_ids[i]);
+        DTTable_Set(t, i, 1, &g_bytes[i]);
+        DTTable_Set(t, i, 2, &g_allocs[i]);
+        DTTable_Set(t, i, 3, &g_frees[i]);
+    }
+    DTTable_Sum(t);
+    DTTable_Show(t);
+    DTTable_Release(t);
+}
+
 int main(void) {
     void *keep[4];
     demo_memory(keep);
     demo_print();
     demo_list();
     demo_pack();
+    demo_logger();
+    demo_memory_table();
     DTMem_Show();
     return 0;
 }

@@ -1,0 +1,162 @@
+#include "containers/DTHash.h"
+
+#include <gtest/gtest.h>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "containers/DTMD5.h"
+#include "dttest.h"
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+// Keys and values are native 4-byte numbers; the bucket is the key's top byte.
+uint32_t g_hashCalls;
+uint32_t U32(const void *p) {
+    uint32_t x;
+    memcpy(&x, p, 4);
+    return x;
+}
+uint32_t TopByte(const void *key, uint32_t, uint32_t) { return ++g_hashCalls, U32(key) >> 24; }
+int32_t Set(DTHash *h, uint32_t key, uint32_t value) { return DTHash_Set(h, &key, &value); }
+void Del(DTHash *h, uint32_t key) { DTHash_Delete(h, &key); }
+// The value, or -1 when missing (then the out pointer must have been nulled).
+int64_t Get(DTHash *h, uint32_t key) {
+    void *v = &g_hashCalls;
+    return DTHash_Get(h, &key, &v) ? int64_t(U32(v)) : v == nullptr ? -1 : -2;
+}
+
+std::vector<uint32_t> g_visited;
+int32_t Visit(const void *key, void *, void *want) {
+    g_visited.push_back(U32(key));
+    return U32(key) == *static_cast<uint32_t *>(want) ? 0 : 1;
+}
+
+TEST(DTHash, SetReplaceGetDelete) {
+    DTHash *h = DTHash_New(4, 4, 16, nullptr);
+    EXPECT_EQ(Set(h, 42, 1) + Set(h, 42, 2), 2);
+    EXPECT_EQ(Get(h, 42), 2);
+    uint32_t key = 42;
+    void *p = nullptr;
+    ASSERT_EQ(DTHash_Get(h, &key, &p), 1);
+    memset(p, 9, 4);  // writes through to the entry
+    EXPECT_EQ(DTHash_Get(h, &key, nullptr), 1);
+    for (uint32_t i = 0; i < 500; ++i) ASSERT_EQ(Set(h, 1000 + i, i), 1);
+    for (uint32_t i = 0; i < 500; i += 2) Del(h, 1000 + i);
+    Del(h, 7);
+    for (uint32_t i = 0; i < 500; ++i) EXPECT_EQ(Get(h, 1000 + i), i % 2 ? int64_t(i) : -1) << i;
+    EXPECT_EQ(Get(h, 42), 0x09090909);
+    DTHash_Release(h);
+    EXPECT_EQ(dttest::LiveBlocks(), 0);
+}
+
+TEST(DTHash, RefusedArguments) {
+    uint32_t v = 5;
+    void *out = &v;
+    EXPECT_EQ(DTHash_Get(nullptr, &v, &out), 0);
+    EXPECT_EQ(out, &v);  // a null table leaves the out pointer alone
+    EXPECT_EQ(DTHash_New(0xFFFFFFF0u, 0x20, 8, nullptr), nullptr);  // entry size wraps
+    EXPECT_EQ(DTHash_New(4, 4, 0x7FFFFFFFu, nullptr), nullptr);     // bucket array wraps
+    DTHash *h = DTHash_New(4, 4, 8, nullptr);
+    EXPECT_EQ(DTHash_Set(h, nullptr, &v) + DTHash_Set(h, &v, nullptr), 0);
+    EXPECT_EQ(DTHash_Get(h, nullptr, &out) + (out != nullptr), 0);
+    EXPECT_EQ(DTHash_Find(h, nullptr, nullptr), nullptr);
+    DTHash_Delete(h, nullptr);
+    DTHash_Release(h);
+
+    // No buckets: nowhere to put a key, and the hash is never asked.
+    h = DTHash_New(4, 4, 0, TopByte);
+    ASSERT_NE(h, nullptr);
+    EXPECT_EQ(Set(h, 1, 1), 0);
+    EXPECT_EQ(Get(h, 1), -1);
+    Del(h, 1);
+    EXPECT_EQ(DTHash_Find(h, Visit, &v), nullptr);
+    DTHash_Show(h);
+    DTHash_ShowDepth(h);
+    EXPECT_TRUE(dttest::Console().empty());
+    EXPECT_EQ(g_hashCalls + g_visited.size(), 0u);
+    DTHash_Release(h);
+    EXPECT_EQ(dttest::LiveBlocks(), 0);
+}
+
+TEST(DTHash, FindAndShowDepthGoByBucketThenNewestFirst) {
+    DTHash *h = DTHash_New(4, 4, 4, TopByte);
+    // Replacing the oldest key keeps its single entry where it was.
+    for (uint32_t key : {0x02000001u, 0x00000001u, 0x02000002u, 0x05000001u, 0x00000002u, 0x02000001u})
+        ASSERT_EQ(Set(h, key, key + 1), 1);
+    uint32_t want = 0;
+    EXPECT_EQ(DTHash_Find(h, Visit, &want), nullptr);
+    EXPECT_EQ(g_visited, (std::vector<uint32_t>{2, 1, 0x05000001u, 0x02000002u, 0x02000001u}));
+    g_visited.clear();
+    want = 0x05000001u;
+    EXPECT_EQ(U32(DTHash_Find(h, Visit, &want)), want);
+    EXPECT_EQ(g_visited.size(), 3u);
+
+    DTHash_ShowDepth(h);
+    Del(h, want);
+    DTHash_ShowDepth(h);  // the emptied bucket keeps its list
+    EXPECT_EQ(dttest::Console(), (Lines{"pos=0,length=2\n", "pos=1,length=1\n", "pos=2,length=2\n",
+                                        "pos=0,length=2\n", "pos=1,length=0\n", "pos=2,length=2\n"}));
+    DTHash_Release(h);
+
+    h = DTHash_New(4, 4, 13, nullptr);  // the default hash places the key
+    ASSERT_EQ(DTHash_Set(h, "abcd", "...."), 1);
+    dttest::ClearConsole();
+    DTHash_ShowDepth(h);
+    EXPECT_EQ(dttest::Console(), (Lines{"pos=" + std::to_string(DTMD5_Hash("abcd", 4, 13)) + ",length=1\n"}));
+    DTHash_Release(h);
+}
+
+TEST(DTHash, ShowDumpsEveryEntryNewestFirst) {
+    DTHash *h = DTHash_New(4, 2, 1, nullptr);
+    ASSERT_EQ(DTHash_Set(h, "\0\0\0\x07", "\x12\x34") + DTHash_Set(h, "\xAB\0\x01\x02", "\xFF\0"), 2);
+    DTHash_Show(h);
+    const std::string d = std::string(41, '-') + "\n";
+    EXPECT_EQ(dttest::Console(),
+              (Lines{"key=>\n", "format:*4S\n", "0001[4S]=>\n", "AB 00 01 02 \n", "result=>\n", "format:*2S\n",
+                     "0001[2S]=>\n", "FF 00 \n", d, "key=>\n", "format:*4S\n", "0001[4S]=>\n", "00 00 00 07 \n",
+                     "result=>\n", "format:*2S\n", "0001[2S]=>\n", "12 34 \n", d}));
+    DTHash_Release(h);
+}
+
+DTHash *g_static;  // lives for the process, as in a host's global
+
+TEST(DTHash, StaticTableNeverLetsGo) {
+    DTHash *h = g_static = DTHash_NewEx(4, 4, 1, nullptr, 1);
+    ASSERT_EQ(Set(h, 1, 10), 1);
+    uint32_t calls = dttest::MallocCalls();
+    for (uint32_t i = 2; i < 50; ++i) ASSERT_EQ(Set(h, i, i * 10), 1);
+    EXPECT_EQ(dttest::MallocCalls(), calls);  // entries and nodes come from the pool
+    Del(h, 1);
+    DTHash_Release(h);
+    EXPECT_EQ(Get(h, 1), 10);  // a use after free under the sanitizer if released
+    DTHash_ShowDepth(h);
+    EXPECT_EQ(dttest::Console(), (Lines{"pos=0,length=49\n"}));
+}
+
+TEST(DTHash, OutOfMemory) {
+    for (uint32_t k : {1u, 2u}) {  // the handle, then the bucket array
+        dttest::FailMallocAt(k);
+        EXPECT_EQ(DTHash_New(4, 4, 8, nullptr), nullptr);
+    }
+    EXPECT_EQ(dttest::LiveBlocks(), 0);
+    DTHash *h = DTHash_New(4, 4, 1, nullptr);
+    ASSERT_NE(h, nullptr);
+    // Set makes the bucket list, the entry, then the list node; the list of
+    // the second attempt stays, so the node is then the second call.
+    for (uint32_t k : {1u, 2u, 2u}) {
+        dttest::FailMallocAt(k);
+        EXPECT_EQ(Set(h, 1, 1), 0) << k;
+        EXPECT_EQ(Get(h, 1), -1) << k;
+    }
+    DTHash_ShowDepth(h);
+    EXPECT_EQ(dttest::Console(), (Lines{"pos=0,length=0\n"}));
+    EXPECT_EQ(Set(h, 1, 1), 1);
+    int64_t live = dttest::LiveBlocks();
+    DTHash_Release(h);
+    EXPECT_EQ(dttest::LiveBlocks(), live - 5);  // table, buckets, list, entry, node
+}
+
+}  // namespace

@@ -1,0 +1,129 @@
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "dttest.h"
+#include "foundation/DTPrint.h"
+#include "records/DTLogger.h"
+#include "records/DTLogger_internal.h"
+
+// key:data of every stored record, oldest first.
+static std::vector<std::string> Records(DTLogger *logger) {
+    std::vector<std::string> out;
+    uint32_t cursor = DTINFO_START;
+    void *key, *data; uint8_t kl; uint16_t dl;
+    while (DTInfo_Get(logger->store, nullptr, 0, &cursor, &key, &kl, &data, &dl))
+        out.push_back(std::string((char *)key, kl) + ":" + std::string((char *)data, dl));
+    return out;
+}
+
+static std::string Flushed() {
+    DTPrint_ShowEx("", 0);
+    std::string text = dttest::ConsoleText();
+    dttest::ClearConsole();
+    return text;
+}
+
+TEST(DTLogger, WriteObeysFlagWord) {
+    struct Case {
+        uint32_t flags; int32_t level; const char *text, *echo; int32_t result; const char *key;
+    } cases[] = {
+        {255, 1, "hello", "", 32, "l"},   {255, 3, "boom", "boom\n", 31, "e"},
+        {255, 0, "zero", "zero", 31, "l"}, {255, 2, "warn", "", 31, "w"},
+        {0xC2, 1, "hi", "hi\n", 29, "l"},  {0xC2, 2, "x", "", -1, nullptr},
+        {0x82, 1, "x", "x\n", -1, nullptr}, {0xC1, 0, "z", "z", 28, "l"},
+        {0xC0, 7, "any", "any\n", 30, "l"}, {0xD0, 3, "", "", -1, nullptr},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(std::to_string(c.flags) + " level " + std::to_string(c.level));
+        DTLogger *logger = DTLogger_New(c.flags);
+        dttest::ClearConsole();
+        EXPECT_EQ(c.result, DTLogger_Write(logger, c.level, c.text));
+        EXPECT_EQ(c.echo, Flushed());
+        EXPECT_EQ(c.key == nullptr, logger->store == nullptr);
+        const std::vector<std::string> recs = Records(logger);
+        ASSERT_EQ(c.key ? 2u : 0u, recs.size());
+        if (c.key) {
+            EXPECT_EQ(std::string("l:YYYY/MM/DD HH:MI:SS").size(), recs[0].size());
+            EXPECT_EQ(std::string(c.key) + ":" + c.text, recs[1]);
+        }
+        DTLogger_Release(logger);
+    }
+    EXPECT_EQ(-1, DTLogger_Write(nullptr, 1, "x"));
+    for (uint32_t k = 1; k <= 2; ++k) {  // the store is made again at the next write
+        DTLogger *logger = DTLogger_New(255);
+        const int64_t live = dttest::LiveBlocks();
+        dttest::FailMallocAt(k);
+        EXPECT_EQ(-2, DTLogger_Write(logger, 1, "lost"));
+        EXPECT_EQ(live, dttest::LiveBlocks());
+        EXPECT_EQ(32, DTLogger_Write(logger, 1, "hello"));
+        DTLogger_Release(logger);
+    }
+}
+
+TEST(DTLogger, AppendShowAndIgnore) {
+    DTLogger *logger = DTLogger_New(0);
+    DTLogger_SetInfoSize(logger, 30000);
+    DTLogger_Append(logger, 0, 99, "boot");
+    DTLogger_Append(logger, 3, 0, "err");
+    EXPECT_EQ("boot\n", Flushed());  // whatever the flag word, only level 0 echoes
+    DTLogger_SetInfoSize(logger, 8192);  // too late: the store exists
+    EXPECT_EQ(30720u, logger->store->maxsize);
+    std::vector<std::string> recs = Records(logger);
+    ASSERT_EQ(4u, recs.size());
+    EXPECT_EQ(2 + 15u, recs[0].size());
+    EXPECT_EQ(' ', recs[0].back());
+    EXPECT_EQ("l:boot", recs[1]);
+    EXPECT_EQ("e:err", recs[3]);
+    DTLogger_Ignore(logger, 1);
+    EXPECT_EQ(0, DTLogger_Write(logger, 1, "x"));
+    DTLogger_Append(logger, 0, 0, "x");
+    EXPECT_EQ(4u, Records(logger).size());
+    EXPECT_EQ("", Flushed());
+    DTLogger_Ignore(logger, 0);
+    DTLogger_ClearInfo(logger);
+    EXPECT_EQ(0u, Records(logger).size());
+
+    DTLogger_SetFlag(logger, 255);
+    DTLogger_Write(logger, 1, "hello");
+    DTInfo_Write(logger->store, "l", "");  // an empty line shows as a bare line break
+    const std::string shown = Records(logger)[0].substr(2) + "\nhello\n\n";
+    dttest::ClearConsole();
+    dttest::ClearDelays();
+    DTLogger_ShowInfo(logger, 1);
+    EXPECT_EQ(shown, dttest::ConsoleText());
+    DTBuf *buf = DTBuf_New(1, 16, 0);
+    DTLogger_ShowToBuf(logger, buf);
+    void *text;
+    ASSERT_EQ((int32_t)shown.size() + 1, DTBuf_Get(buf, 0, &text));
+    EXPECT_EQ(shown, std::string((char *)text, shown.size()));
+    EXPECT_EQ(std::vector<uint32_t>({1000, 1000}), dttest::Delays());
+    for (int i = 0; i < 247; ++i) DTLogger_Append(logger, 1, 0, "x");  // 497 records
+    dttest::ClearDelays();
+    DTLogger_ShowToBuf(logger, buf);
+    EXPECT_EQ(std::vector<uint32_t>(5, 1000), dttest::Delays());
+    DTBuf_Release(buf);
+    DTLogger_Release(logger);
+}
+
+TEST(DTLogger, HeaderStackAndFieldsAreBounded) {
+    DTLogger *logger = DTLogger_New(255);
+    DTLogger_Tail(logger);
+    EXPECT_EQ(-1, logger->headerTop);
+    for (int i = 0; i <= 100; ++i) DTLogger_Header(logger, std::to_string(i).c_str());
+    EXPECT_EQ(99, logger->headerTop);
+    EXPECT_STREQ("100", logger->headers[99]);
+    DTLogger_Tail(logger);
+    EXPECT_EQ(98, logger->headerTop);
+    const std::string longText(600, 'n');
+    DTLogger_Header(logger, longText.c_str());
+    DTLogger_SetFileName(logger, longText.c_str());
+    DTLogger_SetUDP(logger, longText.c_str(), 514);
+    EXPECT_EQ(longText.substr(0, 49), logger->headers[99]);
+    EXPECT_EQ(longText.substr(0, 499), logger->fileName);
+    EXPECT_EQ(longText.substr(0, 19), logger->udpAddr);
+    EXPECT_EQ(514, logger->udpPort);
+    DTLogger_Release(logger);
+    DTLogger_Release(nullptr);
+}
