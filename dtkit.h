@@ -19,6 +19,9 @@
 #include "records/DTInfo.h"
 #include "records/DTLogger.h"
 
+#include "fault/DTFault.h"
+#include "fault/DTFuncLog.h"
+
 #include "table/DTTable.h"
 
 #endif

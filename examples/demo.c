@@ -100,6 +100,63 @@ static void demo_logger(void) {
     DTLogger_Release(log);
 }
 
+/* Faults: each part of the host registers itself; its save callback records
+ * the last state just before the fault file is written. */
+static DTFaultRecord *g_net, *g_disk;
+
+static void net_save(void) {
+    static const uint8_t phy[] = {0x79, 0x6d, 0x00, 0x20, 0x7f, 0xff};
+    DTFault_SetRegist(g_net, 0x1F000004u, 0x0000A5A5u);
+    DTFault_SetRegistEx(g_net, 0x1F000100u, phy, (uint32_t)sizeof phy);
+    DTFault_SetCounter64(g_net, 2, 5000000000ull);
+    DTFault_SetRunLog(g_net, 1, 0, "saving: link state captured");
+}
+
+static void disk_save(void) {
+    static const uint8_t sectors[] = {0, 0, 0, 17, 0, 0, 0x12, 0x67}; /* two big-endian sector numbers */
+    DTFault_SetCounterEx(g_disk, 3, sectors, (uint32_t)sizeof sectors);
+    DTFault_SetValue(g_disk, 4, "sda1 read-only", 14);
+}
+
+static void demo_faults(void) {
+    g_net = DTFault_Regist("net", net_save);
+    g_disk = DTFault_Regist("disk", disk_save);
+    DTFault_SetInitLog(g_net, 1, 0, "eth0 up 1000/full");
+    DTFault_SetInitLog(g_disk, 1, 0, "sda1 mounted");
+    DTFault_SetRunLog(g_net, 2, 0, "crc errors rising");
+    DTFault_SetRunLog(g_disk, 3, 0, "write failed, remounted read-only");
+    DTFault_SetCounter(g_net, 1, 42);
+    DTFault_SetRegist64(g_disk, 0x20, 0x0000000100000002ull);
+    DTPrint_Puts("run log of net:", 0);
+    DTFault_ShowRunLog(g_net);
+    DTFault_Start();
+    DTPrint_Puts("fault file written to " DTFAULT_FILE, 0);
+}
+
+/* The host's own call log of two driver functions: it files the records, the
+ * library lists the table and decodes them. */
+static const DTFuncLogEntry g_driver_funcs[] = {
+    {"drv_read", "Ii", 0, "(fd, n)"},
+    {"drv_ioctl", "IH", 0, "(fd, cmd)"},
+};
+
+static void log_call(DTFuncLog *log, uint8_t func, uint32_t a, int32_t b) {
+    unsigned char rec[16];
+    uint32_t n = func == 0 ? DTBuffer_Pack(rec, "TIi", DTTime_Now(), a, b)
+                           : DTBuffer_Pack(rec, "TIH", DTTime_Now(), a, b);
+    if (!log->ignore) DTInfo_Append(log->info, &func, 1, rec, (uint16_t)n);
+}
+
+static void demo_funclog(void) {
+    DTFuncLog *log = DTFuncLog_New(g_driver_funcs, 2, 4096);
+    log_call(log, 0, 3, 512);
+    log_call(log, 1, 3, 0x5401);
+    log_call(log, 0, 3, -11);
+    DTFuncLog_ShowFunc(log);
+    DTFuncLog_Show(log, "drv_read", 0, 10);
+    DTFuncLog_Release(log);
+}
+
 static void demo_memory_table(void) {
     DTTable *t = DTTable_New();
     DTTable_SetCaption(t, "host memory by owner");
@@ -125,6 +182,8 @@ int main(void) {
     demo_list();
     demo_pack();
     demo_logger();
+    demo_faults();
+    demo_funclog();
     demo_memory_table();
     DTMem_Show();
     return 0;

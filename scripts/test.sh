@@ -52,12 +52,13 @@ leg() {
 
 mkdir -p "$out"
 leg native -DCMAKE_BUILD_TYPE=RelWithDebInfo || status=1
-# The demo is part of the test run: a broken demo fails it. Whatever /fcm.log was there is put back.
+# The demo is part of the test run: a broken demo, or a fault file that the
+# decoder cannot read, fails it. Whatever /fcm.log was there is put back.
 echo "== demo smoke run"
 saved_fcm=""
 if [ -e /fcm.log ]; then saved_fcm=$(mktemp); cp -p /fcm.log "$saved_fcm"; fi
-if (cd "$out/native" && ./examples/dtkit_demo) >"$out/demo.log" 2>&1; then
-  echo "demo ran: $(wc -l <"$out/demo.log") lines"
+if (cd "$out/native" && ./examples/dtkit_demo && ./tools/dtfcm/dtfcm /fcm.log) >"$out/demo.log" 2>&1; then
+  echo "demo ran: $(wc -l <"$out/demo.log") lines, fault file decoded"
 else
   tail -n 40 "$out/demo.log"; echo "demo failed"; status=1; total_fail=$((total_fail + 1))
 fi

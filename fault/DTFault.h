@@ -1,0 +1,96 @@
+/* dtkit fault records: named parts of the host, each with an init log and a
+ * run log, plus recorded values, counters and registers, saved on demand to
+ * the fault file "/fcm.log". */
+#ifndef DTKIT_DTFAULT_H
+#define DTKIT_DTFAULT_H
+
+#include <stdint.h>
+
+#include "../containers/DTBuf.h"
+#include "../containers/DTList.h"
+#include "../records/DTInfo.h"
+#include "../records/DTLogger.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef void (*DTFaultCallback)(void);
+
+#define DTFAULT_NAME_SIZE 23
+#define DTFAULT_FILE "/fcm.log"
+
+/* Value record kinds: key byte 0 of a record in g_DTFault_Info. */
+#define DTFAULT_KIND_REGIST 0
+#define DTFAULT_KIND_REGIST64 1
+#define DTFAULT_KIND_REGISTEX 2
+#define DTFAULT_KIND_COUNTER 3
+#define DTFAULT_KIND_COUNTER64 4
+#define DTFAULT_KIND_COUNTEREX 5
+#define DTFAULT_KIND_VALUE 6
+
+/* Largest data block of DTFault_SetRegistEx / DTFault_SetCounterEx. */
+#define DTFAULT_BLOCK_MAX 300
+/* Largest data of DTFault_SetValue: its 8-byte head and the data share a 16-bit length. */
+#define DTFAULT_VALUE_MAX (65535 - 8)
+
+#pragma pack(push, 4)
+typedef struct DTFaultRecord {
+    DTFaultCallback callback; /* run by DTFault_Start before the file is written; may be null */
+    DTLogger *initLog;
+    DTLogger *runLog;
+    uint32_t info;   /* the host's word; the library never reads it */
+    uint32_t ignore; /* nonzero: the log text operations drop their text */
+    uint8_t index;   /* faults registered before this one, modulo 256 */
+    char name[DTFAULT_NAME_SIZE];
+} DTFaultRecord;
+#pragma pack(pop)
+
+/* Registered faults in registration order; made by the first registration, never released. */
+extern DTList *g_DTFault_List;
+/* The fault value store (10 MiB); made on first recording, released by each completed save. */
+extern DTInfo *g_DTFault_Info;
+/* A slot for the host's own fault logger; the library never reads or writes it. */
+extern DTLogger *g_fcm_logger;
+
+/* New fault record, or null when the list or the record cannot be had.
+ * Choice: a name longer than 22 characters is cut to its first 22; a logger that cannot
+ * be made stays null, and every operation (and the save) passes that log over. */
+DTFaultRecord *DTFault_Regist(const char *name, DTFaultCallback callback);
+void DTFault_Ignore(DTFaultRecord *fault, uint32_t flag);
+/* Always 0. Choice: a null handle is ignored. */
+int32_t DTFault_SetInfo(DTFaultRecord *fault, uint32_t info);
+/* DTLogger_Append on the run / init log unless the fault ignores text; always 0. */
+int32_t DTFault_SetRunLog(DTFaultRecord *fault, int32_t level, uint32_t unused, const char *text);
+int32_t DTFault_SetInitLog(DTFaultRecord *fault, int32_t level, uint32_t unused, const char *text);
+/* The log's text into buf, or to the console when buf is null; always 0. */
+int32_t DTFault_ShowRunLogToBuf(DTFaultRecord *fault, DTBuf *buf);
+int32_t DTFault_ShowRunLog(DTFaultRecord *fault);
+int32_t DTFault_ShowInitLogToBuf(DTFaultRecord *fault, DTBuf *buf);
+int32_t DTFault_ShowInitLog(DTFaultRecord *fault);
+
+/* Value recordings: one record each in g_DTFault_Info, integers big-endian; always 0. */
+int32_t DTFault_SetRegist(DTFaultRecord *fault, uint32_t id, uint32_t value);
+int32_t DTFault_SetRegist64(DTFaultRecord *fault, uint32_t id, uint64_t value);
+/* Choice: a block longer than DTFAULT_BLOCK_MAX bytes is refused (nothing recorded),
+ * never cut, so a reader never sees a length that does not match its bytes. */
+int32_t DTFault_SetRegistEx(DTFaultRecord *fault, uint32_t id, const void *data, uint32_t len);
+int32_t DTFault_SetCounter(DTFaultRecord *fault, uint32_t id, uint32_t value);
+int32_t DTFault_SetCounter64(DTFaultRecord *fault, uint32_t id, uint64_t value);
+/* Choice: as DTFault_SetRegistEx, a block over DTFAULT_BLOCK_MAX bytes is refused. */
+int32_t DTFault_SetCounterEx(DTFaultRecord *fault, uint32_t id, const void *data, uint32_t len);
+/* Choice: data longer than DTFAULT_VALUE_MAX bytes is refused: its record length would wrap. */
+int32_t DTFault_SetValue(DTFaultRecord *fault, uint32_t id, const void *data, uint32_t len);
+
+/* Runs every fault's callback, then writes "/fcm.log": log records, 00 00, value records;
+ * then releases g_DTFault_Info. A nested call returns at once; after a failed open every
+ * later call does nothing.
+ * Choice: a record whose 16-bit file length would wrap is left out of the file, so a
+ * reader never loses its place. */
+void DTFault_Start(void);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

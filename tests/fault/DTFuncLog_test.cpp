@@ -1,0 +1,93 @@
+#include "fault/DTFuncLog.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "dttest.h"
+#include "records/DTBuffer.h"
+
+namespace {
+
+const DTFuncLogEntry kFuncs[] = {
+    {"read", "II", 0, "(fd, n)"},
+    {"write", "I", 5, "(fd)"},
+};
+
+// Files one call record the way a host does: key = table position, data = T + values.
+void File(DTFuncLog *log, uint8_t func, uint32_t a, uint32_t b) {
+    uint8_t data[12];
+    uint32_t n = func == 0 ? DTBuffer_Pack(data, "TII", 1000000000, a, b) : DTBuffer_Pack(data, "TI", 1000000000, a);
+    DTInfo_Append(log->info, &func, 1, data, (uint16_t)n);
+}
+
+std::string Shown(DTFuncLog *log, const char *name, int32_t skip, int32_t count) {
+    dttest::ClearConsole();
+    DTFuncLog_Show(log, name, skip, count);
+    std::string all = dttest::ConsoleText();
+    std::string heads;
+    for (size_t at = all.find("index="); at != std::string::npos; at = all.find("index=", at + 1))
+        heads += all.substr(at, all.find('\n', at) - at) + ";";
+    return heads;
+}
+
+TEST(DTFuncLog, ShowsTableAndRecordsWithSkipCountAndName) {
+    int64_t before = dttest::LiveBlocks();
+    DTFuncLog *log = DTFuncLog_New(kFuncs, 2, 4096);
+    ASSERT_NE(log, nullptr);
+    dttest::ClearConsole();
+    DTFuncLog_ShowFunc(log);
+    EXPECT_EQ(dttest::ConsoleText(), "\nread(fd, n)\nid:0;cnt:0;fmt:II\nwrite(fd)\nid:1;cnt:5;fmt:I\n");
+
+    File(log, 0, 3, 100);
+    File(log, 1, 4, 0);
+    File(log, 0, 5, 200);
+    EXPECT_EQ(Shown(log, nullptr, 0, 10), "index=0,func:read (fd, n);index=1,func:write (fd);index=2,func:read (fd, n);");
+    EXPECT_EQ(Shown(log, "", 1, 1), "index=1,func:write (fd);");
+    EXPECT_EQ(Shown(log, "read", 0, 5), "index=0,func:read (fd, n);index=1,func:read (fd, n);");
+    EXPECT_EQ(Shown(log, nullptr, 0, 0), "");
+    EXPECT_EQ(Shown(log, "close", 0, 5), "");
+
+    // The decoded record: the time first, then the values by the entry's format.
+    Shown(log, "write", 0, 1);
+    EXPECT_NE(dttest::ConsoleText().find("format:*TI\n0001[T]=>"), std::string::npos);
+    EXPECT_NE(dttest::ConsoleText().find("0002[I]=>0x00000004<\n"), std::string::npos);
+
+    uint32_t pos = DTINFO_START, func = 9, len = 0;
+    void *data = nullptr;
+    EXPECT_EQ(DTFuncLog_Get(log, 2, &pos, &func, &data, &len), 0);  // index == count
+    EXPECT_EQ(DTFuncLog_Get(log, 1, &pos, &func, &data, &len), 1);
+    EXPECT_EQ(func, 1u);
+    EXPECT_EQ(len, 8u);
+    EXPECT_EQ(DTFuncLog_Get(log, 1, &pos, &func, &data, &len), 0);
+    DTFuncLog_Release(log);
+    DTFuncLog_Release(nullptr);
+    EXPECT_EQ(dttest::LiveBlocks(), before + 1);  // only the console's print object stays
+}
+
+TEST(DTFuncLog, RecordsTheDecoderCannotTrustAreShownInHex) {
+    std::string longFmt(98, 'b');
+    const DTFuncLogEntry funcs[] = {{"wide", longFmt.c_str(), 0, ""}, {"short", "IIII", 0, ""}};
+    DTFuncLog *log = DTFuncLog_New(funcs, 2, 0);
+    File(log, 0, 1, 2);  // 12 bytes under a 98-field format
+    File(log, 1, 7, 0);  // 8 bytes where the format describes 20
+    dttest::ClearConsole();
+    DTFuncLog_Show(log, nullptr, 0, 5);
+    std::string out = dttest::ConsoleText();
+    EXPECT_EQ(out.find("format:"), std::string::npos);
+    EXPECT_NE(out.find("3B 9A CA 00 00 00 00 01 00 00 00 02 \n"), std::string::npos);
+    EXPECT_NE(out.find("3B 9A CA 00 00 00 00 07 \n"), std::string::npos);
+    DTFuncLog_Release(log);
+}
+
+TEST(DTFuncLog, NewReleasesEverythingWhenTheStoreCannotBeMade) {
+    for (uint32_t k = 1; k <= 3; ++k) {
+        dttest::FailMallocAt(k);
+        DTFuncLog *log = DTFuncLog_New(kFuncs, 2, 1024);
+        dttest::FailMallocAt(0);
+        EXPECT_EQ(log, nullptr) << k;
+        EXPECT_EQ(dttest::LiveBlocks(), 0) << k;
+    }
+}
+
+}  // namespace
