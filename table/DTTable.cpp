@@ -177,48 +177,36 @@ void Widen_(DTTableTitle *d, int32_t len) {
     if (len + 2 > d->width) d->width = len + 2;
 }
 
+// Adds one cell to the total in T's own arithmetic (a float total stays single
+// precision, integer totals wrap) and formats the cell's value, passed as Arg.
+template <class T, class Arg>
+int32_t AddAndFormat_(DTTableTitle *d, DTTableCell *c, const char *format) {
+    T v, s;
+    memcpy(&v, c->value, sizeof v);
+    memcpy(&s, d->sum, sizeof s);
+    s = static_cast<T>(s + v);
+    memcpy(d->sum, &s, sizeof s);
+    return Lumo_snprintf(c->text, sizeof c->text, format, static_cast<Arg>(v));
+}
+
 // Adds the cell to the column's running total in the column's own arithmetic and
 // formats the cell; the total's bytes start at the first byte of sum, as in a cell.
 void SumCell_(DTTableTitle *d, DTTableCell *c) {
     const char *format = d->format;
     int32_t n = 0;
     switch (d->kind) {
-        case DTTABLE_KIND_DOUBLE: {
-            double v, s;
-            memcpy(&v, c->value, sizeof v);
-            memcpy(&s, d->sum, sizeof s);
-            s += v;
-            memcpy(d->sum, &s, sizeof s);
-            n = Lumo_snprintf(c->text, sizeof c->text, format, v);
+        case DTTABLE_KIND_DOUBLE:
+            n = AddAndFormat_<double, double>(d, c, format);
             break;
-        }
-        case DTTABLE_KIND_FLOAT: {
-            float v, s;
-            memcpy(&v, c->value, sizeof v);
-            memcpy(&s, d->sum, sizeof s);
-            s += v;
-            memcpy(d->sum, &s, sizeof s);
-            n = Lumo_snprintf(c->text, sizeof c->text, format, static_cast<double>(v));
+        case DTTABLE_KIND_FLOAT:
+            n = AddAndFormat_<float, double>(d, c, format);
             break;
-        }
-        case DTTABLE_KIND_INT32: {
-            uint32_t v, s;
-            memcpy(&v, c->value, sizeof v);
-            memcpy(&s, d->sum, sizeof s);
-            s += v;
-            memcpy(d->sum, &s, sizeof s);
-            n = Lumo_snprintf(c->text, sizeof c->text, format, static_cast<int32_t>(v));
+        case DTTABLE_KIND_INT32:
+            n = AddAndFormat_<uint32_t, int32_t>(d, c, format);
             break;
-        }
-        case DTTABLE_KIND_INT64: {
-            uint64_t v, s;
-            memcpy(&v, c->value, sizeof v);
-            memcpy(&s, d->sum, sizeof s);
-            s += v;
-            memcpy(d->sum, &s, sizeof s);
-            n = Lumo_snprintf(c->text, sizeof c->text, format, static_cast<long long>(v));
+        case DTTABLE_KIND_INT64:
+            n = AddAndFormat_<uint64_t, long long>(d, c, format);
             break;
-        }
         default:  // kind 4: formatted when it was set
             Widen_(d, c->textLen);
             return;
