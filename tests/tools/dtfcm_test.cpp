@@ -79,6 +79,23 @@ TEST_F(Dtfcm, EveryTruncationIsReportedWithItsOffsetAndKeepsWhatCameBefore) {
     EXPECT_NE(dtfcm::Decode(longer).error.find("runs past the end"), std::string::npos);
 }
 
+TEST_F(Dtfcm, CorruptedBytesNeverCrashAndAlwaysNameAnOffset) {
+    std::vector<uint8_t> file = WriteSample();
+    uint32_t seed = 12345;
+    for (int round = 0; round < 3000; ++round) {
+        std::vector<uint8_t> bad = file;
+        for (int flips = 1 + round % 4; flips > 0; --flips) {
+            seed = seed * 1103515245u + 12345u;
+            bad[(seed >> 8) % bad.size()] = uint8_t(seed >> 20);
+        }
+        dtfcm::Result res = dtfcm::Decode(bad);
+        if (!res.error.empty()) {
+            EXPECT_NE(res.error.find("offset"), std::string::npos) << res.error;
+        }
+        for (const auto &r : res.records) EXPECT_LT(r.offset, bad.size());
+    }
+}
+
 TEST_F(Dtfcm, BadInputGivesAMessageAndANonZeroExit) {
     std::string err;
     Run({"/nonexistent/fcm.log"}, 2, &err);
