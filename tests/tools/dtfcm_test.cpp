@@ -100,6 +100,8 @@ TEST_F(Dtfcm, BadInputGivesAMessageAndANonZeroExit) {
     std::string err;
     Run({"/nonexistent/fcm.log"}, 2, &err);
     EXPECT_NE(err.find("cannot read /nonexistent/fcm.log"), std::string::npos);
+    Run({"/tmp"}, 2, &err);
+    EXPECT_NE(err.find("cannot read /tmp: not a regular file"), std::string::npos);
     Run({"--bogus"}, 2, &err);
     EXPECT_NE(err.find("unknown option --bogus"), std::string::npos);
     EXPECT_NE(Run({"--help"}, 0).find("longest name"), std::string::npos);

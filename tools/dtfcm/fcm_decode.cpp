@@ -1,8 +1,10 @@
 #include "fcm_decode.h"
 
+#include <sys/stat.h>
+
+#include <cerrno>
 #include <cstdio>
-#include <fstream>
-#include <iterator>
+#include <cstring>
 #include <ostream>
 #include <set>
 
@@ -141,6 +143,21 @@ std::string json(const std::string &s) {
 
 }  // namespace
 
+bool ReadFile(const std::string &path, std::vector<uint8_t> &file, std::string &error) {
+    struct stat st;
+    if (stat(path.c_str(), &st) != 0) { error = strerror(errno); return false; }
+    if (!S_ISREG(st.st_mode)) { error = "not a regular file"; return false; }
+    FILE *f = fopen(path.c_str(), "rb");
+    if (f == nullptr) { error = strerror(errno); return false; }
+    uint8_t chunk[4096];
+    size_t n;
+    while ((n = fread(chunk, 1, sizeof chunk, f)) > 0) file.insert(file.end(), chunk, chunk + n);
+    bool failed = ferror(f) != 0;
+    if (failed) error = strerror(errno);
+    fclose(f);
+    return !failed;
+}
+
 const char *KindName(int kind) {
     static const char *const names[] = {"register", "register64", "register block", "counter",
                                         "counter64", "counter block", "value"};
@@ -220,10 +237,9 @@ int Main(const std::vector<std::string> &args, std::ostream &out, std::ostream &
         else { err << "dtfcm: more than one file given\n" << kUsage; return 2; }
     }
     if (path.empty()) path = "/fcm.log";
-    std::ifstream in(path, std::ios::binary);
-    if (!in) { err << "dtfcm: cannot read " << path << "\n"; return 2; }
-    std::vector<uint8_t> file((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    if (in.bad()) { err << "dtfcm: error reading " << path << "\n"; return 2; }
+    std::vector<uint8_t> file;
+    std::string readError;
+    if (!ReadFile(path, file, readError)) { err << "dtfcm: cannot read " << path << ": " << readError << "\n"; return 2; }
     Result res = Decode(file);
     for (const auto &r : res.records) out << (asJson ? FormatJson(r) : FormatText(r)) << "\n";
     if (!res.error.empty()) { err << "dtfcm: " << path << ": " << res.error << "\n"; return 1; }

@@ -29,6 +29,8 @@ struct Result {
 };
 
 Result Decode(const std::vector<uint8_t> &file);
+// The whole file; false with the reason when it is not a readable regular file.
+bool ReadFile(const std::string &path, std::vector<uint8_t> &file, std::string &error);
 const char *KindName(int kind);
 std::string FormatText(const Record &r);
 std::string FormatJson(const Record &r);
