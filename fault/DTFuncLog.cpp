@@ -70,10 +70,15 @@ int32_t DTFuncLog_Get(DTFuncLog *log, int32_t index, uint32_t *pos, uint32_t *fu
     if (log == nullptr || index >= log->count || pos == nullptr) return 0;
     uint8_t key = static_cast<uint8_t>(index);
     void *k = nullptr;
+    uint8_t kl = 0;
     void *d = nullptr;
     uint16_t dl = 0;
-    int32_t found = index >= 0 ? DTInfo_Get(log->info, &key, 1, pos, &k, nullptr, &d, &dl)
-                               : DTInfo_Get(log->info, nullptr, 0, pos, &k, nullptr, &d, &dl);
+    int32_t found;
+    // The store matches key prefixes; a function's records have exactly its one-byte key.
+    do {
+        found = index >= 0 ? DTInfo_Get(log->info, &key, 1, pos, &k, &kl, &d, &dl)
+                           : DTInfo_Get(log->info, nullptr, 0, pos, &k, &kl, &d, &dl);
+    } while (found && index >= 0 && kl != 1);
     if (!found) return 0;
     if (len) *len = dl;
     if (data) *data = d;
