@@ -19,7 +19,7 @@ typedef int32_t (*DTHashVisitFn)(const void *key, void *value, void *arg);
 
 /* Null hashFn selects DTMD5_Hash; null when memory is short.
  * Choice: 0 buckets makes a table that stays empty (Set refuses, Get/Find miss);
- * key + value lengths that overflow 32 bits are refused (null). */
+ * key + value lengths, or a bucket array, too large for 32 bits are refused (null). */
 DTHash *DTHash_NewEx(uint32_t keyLen, uint32_t valueLen, uint32_t bucketCount, DTHashFn hashFn,
                      uint32_t isStatic);
 DTHash *DTHash_New(uint32_t keyLen, uint32_t valueLen, uint32_t bucketCount, DTHashFn hashFn);

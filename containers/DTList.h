@@ -26,6 +26,7 @@ int32_t DTList_Append(DTList *l, void *item);
 void *DTList_Set(DTList *l, int32_t pos, void *item);
 /* pos <= 0 gives the head; pos >= count gives 0. */
 void *DTList_Get(DTList *l, int32_t pos);
+/* A null comparison function finds nothing (0 / -1). */
 void *DTList_Find(DTList *l, DTListCmpFn cmp, void *key);
 int32_t DTList_FindPos(DTList *l, DTListCmpFn cmp, void *key);
 /* Negative pos removes nothing and returns 0 (treated as out of range). */

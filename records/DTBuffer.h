@@ -10,7 +10,9 @@
 extern "C" {
 #endif
 
-/* Integer fields take int-promoted values, S/s a pointer; null dst returns 0. */
+/* Integer fields take int-promoted values, S/s a pointer; null dst returns 0.
+ * A null S/s source packs zeros, and a count prefix too large for 32 bits makes an
+ * empty field, in all three operations alike. */
 uint32_t DTBuffer_Pack(void *dst, const char *fmt, ...);
 /* Bytes the format describes; *fields (if given) gets the number of fields. */
 uint32_t DTBuffer_GetPackSize(const char *fmt, uint32_t *fields);

@@ -412,9 +412,9 @@ int32_t DTTable_Show(DTTable *table) { return DTTable_ShowToBuffer(table, nullpt
 int32_t DTTable_ShowToBuffer(DTTable *table, char *buf, int32_t size) {
     if (!table) return 0;
     bool toCaller = buf != nullptr && size != 0;
+    DTTable_Sum(table);
     // A print object that can never hold a character would hand over forever.
     if (toCaller && size < 2) return 0;
-    DTTable_Sum(table);
     char line[kConsoleLine];
     DTPrint *p = toCaller ? DTPrint_New(buf, size) : DTPrint_New(line, kConsoleLine);
     if (!p) return 0;
