@@ -18,7 +18,9 @@ extern "C" {
 typedef void (*DTFaultCallback)(void);
 
 #define DTFAULT_NAME_SIZE 23
-#define DTFAULT_FILE "/fcm.log"
+/* DTFAULT_FILE, the fault file's path: a build-time setting (DTKIT_FAULT_FILE),
+ * "/fcm.log" on the board. */
+#include "DTFault_config.h"
 
 /* Value record kinds: key byte 0 of a record in g_DTFault_Info. */
 #define DTFAULT_KIND_REGIST 0

@@ -181,4 +181,21 @@ void DTMem_Show(void) {
                  0);
 }
 
+int32_t DTMem_GetOwnerStats(uint32_t owner, DTMemOwnerStats *out) {
+    if (!out) return -1;
+    uint32_t slot = owner & 0xFF;
+    out->bytes = DTMem_Size[slot];
+    out->mallocs = DTMem_MallocCnt[slot];
+    out->frees = DTMem_FreeCnt[slot];
+    return 0;
+}
+
+int32_t DTMem_GetPoolStats(DTMemPoolStats *out) {
+    if (!out) return -1;
+    out->left = l_static_leftsize;
+    out->chunks = l_static_times;
+    out->mallocs = l_static_malloc_times;
+    return 0;
+}
+
 }  // extern "C"

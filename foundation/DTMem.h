@@ -59,6 +59,26 @@ int32_t DTMem_memcmp(DTMemBlock *m, uint32_t offset, const void *other, uint32_t
 /* Prints the per-owner accounting table and the static pool counters. */
 void DTMem_Show(void);
 
+/* One owner slot's accounting, the figures DTMem_Show prints on its row. */
+typedef struct DTMemOwnerStats {
+    uint32_t bytes;    /* bytes held, each block's 4-byte header included */
+    uint32_t mallocs;  /* allocations counted */
+    uint32_t frees;    /* releases counted */
+} DTMemOwnerStats;
+
+/* The static pool's figures, as DTMem_Show prints them. */
+typedef struct DTMemPoolStats {
+    uint32_t left;     /* bytes still free in the current chunk */
+    uint32_t chunks;   /* chunks taken from the heap */
+    uint32_t mallocs;  /* blocks carved from the pool */
+} DTMemPoolStats;
+
+/* Fills out with slot owner & 0xFF's figures; 0, or -1 when out is null.
+ * Choice: any owner value is accepted and folded to its slot, as DTMem_Malloc does. */
+int32_t DTMem_GetOwnerStats(uint32_t owner, DTMemOwnerStats *out);
+/* Fills out with the static pool's figures; 0, or -1 when out is null. */
+int32_t DTMem_GetPoolStats(DTMemPoolStats *out);
+
 #ifdef __cplusplus
 }
 #endif

@@ -197,12 +197,12 @@ void CountingCallback() { ++g_unopenable_calls; }
 
 TEST_F(DTFault, UnopenableFileStopsSavingForGood) {
     DTFaultRecord *f = DTFault_Regist("net", CountingCallback);
-    ASSERT_EQ(mkdir("/fcm.log", 0700), 0);
+    ASSERT_EQ(mkdir(DTFAULT_FILE, 0700), 0);
     DTFault_SetCounter(f, 1, 1);
     DTFault_Start();
     EXPECT_EQ(g_unopenable_calls, 1);
     ASSERT_NE(g_DTFault_Info, nullptr);  // the values stay
-    rmdir("/fcm.log");
+    rmdir(DTFAULT_FILE);
     DTFault_SetCounter(f, 1, 2);
     DTFault_Start();
     EXPECT_EQ(g_unopenable_calls, 1);

@@ -130,4 +130,50 @@ TEST(DTMem, StaticObjectsStayPut) {
     EXPECT_EQ(Show(), Expected({Slot0(0x100004, 2)}, 0x100000 - 24, 1, 1));
 }
 
+// What DTMem_Show would print, rebuilt from the public read-out alone.
+std::vector<std::string> ShowFromReadOut() {
+    std::vector<std::string> slots;
+    for (uint32_t owner = 0; owner < 256; ++owner) {
+        DTMemOwnerStats s;
+        EXPECT_EQ(DTMem_GetOwnerStats(owner, &s), 0);
+        if (s.bytes == 0) continue;
+        slots.push_back(Fmt("  %3d", owner) + Fmt("  0x%08x", s.bytes) + Fmt("      %4d", s.mallocs) + Fmt("    %4d\n", s.frees));
+    }
+    DTMemPoolStats pool;
+    EXPECT_EQ(DTMem_GetPoolStats(&pool), 0);
+    return Expected(slots, pool.left, pool.chunks, pool.mallocs);
+}
+
+TEST(DTMem, ReadOutAgreesWithShow) {
+    void *a = DTMem_Malloc(7, 10);
+    void *b = DTMem_Malloc(263, 20);  // slot 7 as well
+    void *c = DTMem_Malloc(100, 3);
+    dttest::FailMallocAt(1);
+    EXPECT_EQ(DTMem_Malloc(100, 8), nullptr);
+    Static(9, 12);
+    Static(9, 0x80001);  // past the pool limit: an ordinary block
+    DTMem_Free(7, a);
+    DTMem_Free(100, c);  // slot 100 back at 0, but its counts remain
+    DTMem_Free(5, nullptr);
+    ASSERT_TRUE(b);
+    std::vector<std::string> shown = Show();  // first: its print object is counted in slot 0
+    EXPECT_EQ(ShowFromReadOut(), shown);
+    DTMemOwnerStats s100;
+    ASSERT_EQ(DTMem_GetOwnerStats(356, &s100), 0);  // folded to slot 100
+    EXPECT_EQ(s100.bytes, 0u);
+    EXPECT_EQ(s100.mallocs, 1u);
+    EXPECT_EQ(s100.frees, 1u);
+    DTMemOwnerStats s7;
+    ASSERT_EQ(DTMem_GetOwnerStats(7, &s7), 0);
+    EXPECT_EQ(s7.bytes, 24u);
+    EXPECT_EQ(s7.mallocs, 2u);
+    EXPECT_EQ(s7.frees, 1u);
+    DTMem_Free(7, b);
+}
+
+TEST(DTMem, ReadOutRefusesNullTarget) {
+    EXPECT_EQ(DTMem_GetOwnerStats(0, nullptr), -1);
+    EXPECT_EQ(DTMem_GetPoolStats(nullptr), -1);
+}
+
 }  // namespace

@@ -16,8 +16,15 @@ add_test(NAME platform_no_allocation
   COMMAND sh ${_pdir}/check_no_alloc.sh ${CMAKE_NM} $<TARGET_OBJECTS:dtkit_obj>
   COMMAND_EXPAND_LISTS)
 
-# A host that has only the installed tree finds and links the library.
-if(NOT CMAKE_CROSSCOMPILING AND NOT DTKIT_SANITIZE)
+# A host that has only the installed tree finds and links the library; for
+# the board, with the installed toolchain file and the prefix alone, and run
+# under the emulator.
+if(CMAKE_CROSSCOMPILING AND CMAKE_CROSSCOMPILING_EMULATOR)
+  add_test(NAME platform_install_consumer_cross
+    COMMAND sh ${_pdir}/consumer/run.sh cross ${CMAKE_BINARY_DIR} ${_pdir}/consumer ${CMAKE_COMMAND}
+      ${CMAKE_C_COMPILER} ${CMAKE_CROSSCOMPILING_EMULATOR})
+  set_tests_properties(platform_install_consumer_cross PROPERTIES TIMEOUT 300)
+elseif(NOT CMAKE_CROSSCOMPILING AND NOT DTKIT_SANITIZE)
   add_test(NAME platform_install_consumer
-    COMMAND sh ${_pdir}/consumer/run.sh ${CMAKE_BINARY_DIR} ${_pdir}/consumer ${CMAKE_COMMAND})
+    COMMAND sh ${_pdir}/consumer/run.sh native ${CMAKE_BINARY_DIR} ${_pdir}/consumer ${CMAKE_COMMAND})
 endif()

@@ -1,5 +1,6 @@
-// Keeps whatever "/fcm.log" a test finds and puts it back afterwards, and
-// reads the file the library wrote.
+// Keeps whatever fault file (DTFAULT_FILE, the path the library was built
+// with) a test finds and puts it back afterwards, and reads the file the
+// library wrote.
 #pragma once
 
 #include <fcntl.h>
@@ -7,11 +8,15 @@
 #include <sys/file.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <iterator>
 #include <string>
 #include <vector>
+
+#include "fault/DTFault.h"
 
 class FcmFileTest : public ::testing::Test {
 protected:
@@ -19,17 +24,27 @@ protected:
         // One fault file per machine: test runs of several build trees take turns.
         lock_ = open("/tmp/dtkit-fcm-test.lock", O_RDWR | O_CREAT, 0600);
         if (lock_ >= 0) flock(lock_, LOCK_EX);
-        backup_ = "/fcm.log.dtkit-test-" + std::to_string(getpid());
-        saved_ = std::rename("/fcm.log", backup_.c_str()) == 0;
+        backup_ = std::string(DTFAULT_FILE) + ".dtkit-test-" + std::to_string(getpid());
+        saved_ = std::rename(DTFAULT_FILE, backup_.c_str()) == 0;
+        // Say up front why every file comparison below is going to fail.
+        int probe = open(DTFAULT_FILE, O_WRONLY | O_CREAT | O_EXCL, 0600);
+        if (probe < 0) {
+            ADD_FAILURE() << "cannot create the fault file " DTFAULT_FILE ": " << strerror(errno)
+                          << " (configure with -DDTKIT_FAULT_FILE=<a writable path>)";
+        } else {
+            close(probe);
+            std::remove(DTFAULT_FILE);
+        }
     }
     void TearDown() override {
-        std::remove("/fcm.log");
-        rmdir("/fcm.log");
-        if (saved_) std::rename(backup_.c_str(), "/fcm.log");
+        std::remove(DTFAULT_FILE);
+        rmdir(DTFAULT_FILE);
+        if (saved_) std::rename(backup_.c_str(), DTFAULT_FILE);
         if (lock_ >= 0) close(lock_);  // closing releases the lock
     }
+    // Empty when there is no file: some tests expect none.
     static std::vector<uint8_t> ReadFcm() {
-        std::ifstream in("/fcm.log", std::ios::binary);
+        std::ifstream in(DTFAULT_FILE, std::ios::binary);
         return std::vector<uint8_t>((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     }
 

@@ -35,6 +35,7 @@ protected:
 
 TEST_F(Dtfcm, RoundTripPrintsWhatTheHostRecorded) {
     std::vector<uint8_t> file = WriteSample();
+    ASSERT_FALSE(file.empty()) << "the library wrote no " DTFAULT_FILE;
     dtfcm::Result res = dtfcm::Decode(file);
     EXPECT_EQ(res.error, "");
     ASSERT_EQ(res.records.size(), 5u);
@@ -43,12 +44,12 @@ TEST_F(Dtfcm, RoundTripPrintsWhatTheHostRecorded) {
     EXPECT_EQ(res.records[0].text.size(), 15u);  // the time stamp record
     EXPECT_EQ(res.records[1].text, "eth1 down");
 
-    std::string text = Run({"/fcm.log"}, 0);
+    std::string text = Run({DTFAULT_FILE}, 0);
     EXPECT_NE(text.find("1 run net 2: eth1 down\n"), std::string::npos);
     EXPECT_NE(text.find("3 net counter id=0x00000007 value=0x00000001\n"), std::string::npos);
     EXPECT_NE(text.find("3 net 2 register64 id=0x00000010 value=0x0102030405060708\n"), std::string::npos);
     EXPECT_NE(text.find("3 net 2 value id=0x00000009 len=4 bytes=DE AD 00 EF\n"), std::string::npos);
-    EXPECT_EQ(Run({}, 0), text);  // /fcm.log is the default
+    EXPECT_EQ(Run({}, 0), text);  // the library's own path is the default
 
     std::string json = Run({"--json"}, 0);
     EXPECT_NE(json.find("{\"section\":1,\"offset\":" + std::to_string(res.records[1].offset) +
@@ -60,6 +61,7 @@ TEST_F(Dtfcm, RoundTripPrintsWhatTheHostRecorded) {
 
 TEST_F(Dtfcm, EveryTruncationIsReportedWithItsOffsetAndKeepsWhatCameBefore) {
     std::vector<uint8_t> file = WriteSample();
+    ASSERT_FALSE(file.empty()) << "the library wrote no " DTFAULT_FILE;
     size_t full = dtfcm::Decode(file).records.size();
     for (size_t cut = 0; cut < file.size(); ++cut) {
         std::vector<uint8_t> part(file.begin(), file.begin() + cut);
@@ -81,6 +83,7 @@ TEST_F(Dtfcm, EveryTruncationIsReportedWithItsOffsetAndKeepsWhatCameBefore) {
 
 TEST_F(Dtfcm, CorruptedBytesNeverCrashAndAlwaysNameAnOffset) {
     std::vector<uint8_t> file = WriteSample();
+    ASSERT_FALSE(file.empty()) << "the library wrote no " DTFAULT_FILE;
     uint32_t seed = 12345;
     for (int round = 0; round < 3000; ++round) {
         std::vector<uint8_t> bad = file;
@@ -108,8 +111,10 @@ TEST_F(Dtfcm, BadInputGivesAMessageAndANonZeroExit) {
 
     WriteSample();
     std::vector<uint8_t> file = ReadFcm();
+    ASSERT_FALSE(file.empty()) << "the library wrote no " DTFAULT_FILE;
     file.resize(file.size() - 1);
-    FILE *f = fopen("/fcm.log", "wb");
+    FILE *f = fopen(DTFAULT_FILE, "wb");
+    ASSERT_NE(f, nullptr) << "cannot rewrite " DTFAULT_FILE;
     fwrite(file.data(), 1, file.size(), f);
     fclose(f);
     std::string out = Run({}, 1, &err);

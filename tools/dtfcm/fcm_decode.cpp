@@ -8,12 +8,14 @@
 #include <ostream>
 #include <set>
 
+#include "DTFault_config.h"
+
 namespace dtfcm {
 namespace {
 
 const char kUsage[] =
     "usage: dtfcm [--json] [FILE]\n"
-    "Prints the records of a fault file (default /fcm.log), one line each.\n"
+    "Prints the records of a fault file (default " DTFAULT_FILE "), one line each.\n"
     "  --json   one JSON object per line instead, for scripts\n"
     "  --help   this text\n"
     "Log records do not store the length of the fault name. The name is taken as the\n"
@@ -236,7 +238,7 @@ int Main(const std::vector<std::string> &args, std::ostream &out, std::ostream &
         else if (path.empty()) path = a;
         else { err << "dtfcm: more than one file given\n" << kUsage; return 2; }
     }
-    if (path.empty()) path = "/fcm.log";
+    if (path.empty()) path = DTFAULT_FILE;  // where the library beside it writes
     std::vector<uint8_t> file;
     std::string readError;
     if (!ReadFile(path, file, readError)) { err << "dtfcm: cannot read " << path << ": " << readError << "\n"; return 2; }
