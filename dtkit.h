@@ -24,4 +24,9 @@
 
 #include "table/DTTable.h"
 
+#include "net/DTSock.h"
+#include "net/DTConfig.h"
+
+#include "timer/DTTimer.h"
+
 #endif

@@ -1,0 +1,107 @@
+#include "dtnetns.h"
+
+#include <fcntl.h>
+#include <sched.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+
+namespace dttest {
+namespace {
+
+std::atomic<int> g_pairs{0};
+
+// Runs one command through the shell; empty on success, else the command and
+// what it printed, so that a skip says exactly what the machine refused.
+std::string Run(const std::string &cmd) {
+    std::string full = cmd + " 2>&1";
+    FILE *p = popen(full.c_str(), "r");
+    if (!p) return "cannot run: " + cmd;
+    std::string out;
+    char buf[256];
+    while (fgets(buf, sizeof buf, p)) out += buf;
+    int rc = pclose(p);
+    if (rc == 0) return "";
+    while (!out.empty() && out.back() == '\n') out.pop_back();
+    return "`" + cmd + "` failed: " + out;
+}
+
+// A namespace by this name can only be left over from a dead process whose
+// pid we now have, so it is ours to replace. Parallel first uses of `ip netns`
+// may race on its mount point: one retry covers that.
+std::string AddNamespace(const std::string &name) {
+    if (access(("/var/run/netns/" + name).c_str(), F_OK) == 0) (void)Run("ip netns del " + name);
+    std::string err = Run("ip netns add " + name);
+    if (err.empty()) return err;
+    usleep(200 * 1000);
+    return Run("ip netns add " + name);
+}
+
+}  // namespace
+
+std::string NetnsPair::Make() {
+    if (!device_.empty()) return "pair already made";
+    if (geteuid() != 0) return "network namespaces need root";
+    if (!Run("ip -V").empty()) return "iproute2 `ip` not found";
+    origin_ = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
+    if (origin_ < 0) return "cannot open this thread's network namespace";
+
+    std::string tag = std::to_string(getpid()) + "x" + std::to_string(g_pairs++);
+    device_ = "dtkdev" + tag;
+    server_ = "dtksrv" + tag;
+    // Interface names are at most 15 characters: "dtd" + pid + "x" + n fits.
+    std::string vd = "dtd" + tag;
+    std::string vs = "dts" + tag;
+
+    std::string err = AddNamespace(device_);
+    if (!err.empty()) return err;
+    madeDevice_ = true;
+    err = AddNamespace(server_);
+    if (!err.empty()) return err;
+    madeServer_ = true;
+    const std::string steps[] = {
+        "ip -n " + device_ + " link add " + vd + " type veth peer name " + vs + " netns " + server_,
+        "ip -n " + device_ + " addr add 10.99.0.1/24 dev " + vd,
+        "ip -n " + server_ + " addr add 10.99.0.2/24 dev " + vs,
+        "ip -n " + device_ + " link set lo up",
+        "ip -n " + server_ + " link set lo up",
+        "ip -n " + device_ + " link set " + vd + " up",
+        "ip -n " + server_ + " link set " + vs + " up",
+        "ip -n " + device_ + " route add default dev " + vd,
+        "ip -n " + server_ + " route add default dev " + vs,
+    };
+    for (const std::string &step : steps) {
+        err = Run(step);
+        if (!err.empty()) return err;
+    }
+    return "";
+}
+
+bool NetnsPair::Enter_(const std::string &name) {
+    if (name.empty()) return false;
+    int fd = open(("/var/run/netns/" + name).c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return false;
+    bool ok = setns(fd, CLONE_NEWNET) == 0;
+    close(fd);
+    return ok;
+}
+
+bool NetnsPair::EnterDevice() { return Enter_(device_); }
+bool NetnsPair::EnterServer() { return Enter_(server_); }
+const std::string &NetnsPair::DeviceName() const { return device_; }
+const std::string &NetnsPair::ServerName() const { return server_; }
+
+NetnsPair::~NetnsPair() {
+    // Back home first, so that whatever the thread does after the pair is
+    // gone happens in the namespace it started in.
+    if (origin_ >= 0) {
+        (void)setns(origin_, CLONE_NEWNET);
+        close(origin_);
+    }
+    if (madeDevice_) (void)Run("ip netns del " + device_);
+    if (madeServer_) (void)Run("ip netns del " + server_);
+}
+
+}  // namespace dttest

@@ -1,0 +1,125 @@
+#include "timer/DTTimer.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "dttest.h"
+#include "timer/DTTimer_internal.h"
+
+namespace {
+
+uint32_t g_now;  // the controlled clock of the current pass
+std::vector<uint32_t> g_runs;
+
+int32_t Record(DTTimer *) {
+    g_runs.push_back(g_now);
+    return 1;
+}
+
+int32_t StopAtThird(DTTimer *t) {
+    g_runs.push_back(g_now);
+    return t->times < 2;
+}
+
+DTTimer *Entry(int32_t pos) { return static_cast<DTTimer *>(DTList_Get(g_DTTimer_List, pos)); }
+
+TEST(DTTimer, FiringRuleOnAControlledClock) {
+    const uint32_t wrap = 4294967;  // the last reading before the clock starts again at 0
+    struct Case {
+        uint32_t interval;
+        uint32_t registered;
+        std::vector<uint32_t> passes;
+        std::vector<uint32_t> runs;
+    };
+    const Case cases[] = {
+        {1000, 0, {100, 900, 999, 1000, 1100, 1999, 2000, 2100}, {1000, 2000}},
+        {250, 0, {100, 200, 300, 400, 500, 600, 700}, {300, 600}},  // every third pass
+        {0, 50, {50, 50, 60}, {50, 50, 60}},                       // once in every pass
+        {1000, 0, {900, 2700, 3000, 3699, 3700}, {2700, 3700}},    // lateness not made up
+        {1000, wrap - 100, {wrap - 50, wrap, 0, 100, 999, 1000}, {0, 1000}},
+    };
+    int32_t pos = 0;
+    for (const Case &c : cases) {
+        ASSERT_EQ(DTTimer_RegistAt_(Record, c.interval, c.registered), 1);
+        g_runs.clear();
+        for (uint32_t now : c.passes) {
+            g_now = now;
+            DTTimer_PassAt_(now);
+        }
+        EXPECT_EQ(g_runs, c.runs) << "interval " << c.interval << " from " << c.registered;
+        EXPECT_EQ(Entry(pos)->times, c.runs.size());
+        EXPECT_EQ(Entry(pos)->last, c.runs.back());
+        Entry(pos++)->status = 0;  // out of the way of the next case
+    }
+}
+
+TEST(DTTimer, CallbackStopsItsTimerAtTheThirdRun) {
+    ASSERT_EQ(DTTimer_RegistAt_(StopAtThird, 100, 0), 1);
+    ASSERT_EQ(DTTimer_RegistAt_(nullptr, 100, 0), 1);  // kept, never run, never shown
+    for (g_now = 100; g_now <= 800; g_now += 100) DTTimer_PassAt_(g_now);
+    EXPECT_EQ(g_runs, (std::vector<uint32_t>{100, 200, 300}));
+    EXPECT_EQ(Entry(0)->status, 0);
+    EXPECT_EQ(Entry(0)->times, 3u);
+    dttest::ClearConsole();
+    DTTimer_Show();
+    ASSERT_EQ(dttest::Console().size(), 2u);
+    EXPECT_EQ(dttest::Console()[0].rfind("current tm=", 0), 0u);
+    EXPECT_EQ(dttest::Console()[1], "last=300,interval=100,status=0,times=3\n");
+}
+
+TEST(DTTimer, ShowBeforeAnyRegistration) {
+    uint32_t before = DTTimer_Clock_();
+    DTTimer_Show();
+    uint32_t after = DTTimer_Clock_();
+    ASSERT_EQ(dttest::Console().size(), 1u);
+    const std::string &line = dttest::Console()[0];
+    ASSERT_EQ(line.rfind("current tm=", 0), 0u);
+    EXPECT_GE(std::stoul(line.substr(11)), before);
+    EXPECT_LE(std::stoul(line.substr(11)), after);
+    EXPECT_EQ(line.back(), '\n');
+}
+
+TEST(DTTimer, FailedAllocations) {
+    dttest::FailMallocAt(1);  // the list itself
+    EXPECT_EQ(DTTimer_Regist(Record, 10), 0);
+    EXPECT_EQ(g_DTTimer_List, nullptr);
+    EXPECT_EQ(dttest::LiveBlocks(), 0);
+    dttest::FailMallocAt(2);  // the entry, after the list is made
+    EXPECT_EQ(DTTimer_Regist(Record, 10), 0);
+    ASSERT_NE(g_DTTimer_List, nullptr);
+    EXPECT_EQ(DTList_Length(g_DTTimer_List), 0);
+    EXPECT_EQ(DTTimer_Regist(Record, 10), 1);
+    EXPECT_EQ(DTList_Length(g_DTTimer_List), 1);
+}
+
+// Atomics without destructors: the loop thread outlives the test.
+std::atomic<int> g_stamps{0};
+std::atomic<int> g_stopperRuns{0};
+
+int32_t Stamp(DTTimer *) {
+    g_stamps++;
+    return 1;
+}
+
+int32_t Stopper(DTTimer *t) {
+    g_stopperRuns++;
+    return t->times < 2;
+}
+
+TEST(DTTimer, LoopRunsTimersInRealTime) {
+    ASSERT_EQ(DTTimer_Regist(Stamp, 300), 1);
+    ASSERT_EQ(DTTimer_Regist(Stopper, 0), 1);
+    std::thread(DTTimer_Loop).detach();
+    std::this_thread::sleep_for(std::chrono::milliseconds(2000));
+    EXPECT_GE(g_stamps, 3);  // every 300 to 400 ms; a slow machine may lose a few
+    EXPECT_LE(g_stamps, 7);  // never more often than the interval
+    EXPECT_EQ(g_stopperRuns, 3);
+    EXPECT_EQ(Entry(1)->status, 0);
+}
+
+}  // namespace
