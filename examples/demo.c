@@ -1,7 +1,10 @@
 /* dtkit demo host: a small service process that uses each subsystem the way a
  * real host would, and ends with the memory accounting. */
+#define _POSIX_C_SOURCE 200809L
+#include <pthread.h>
 #include <stdio.h>
 #include <string.h>
+#include <time.h>
 
 #include "dtkit.h"
 
@@ -134,6 +137,49 @@ static void demo_funclog(void) {
     DTFuncLog_Release(log);
 }
 
+/* Timers: the loop owns a thread of its own for good. The library takes no
+ * lock, so the main thread keeps off it until both timers have stopped; the
+ * loop then only reads their entries. */
+static pthread_mutex_t g_timer_lock = PTHREAD_MUTEX_INITIALIZER;
+static pthread_cond_t g_timer_cond = PTHREAD_COND_INITIALIZER;
+static int g_timers_stopped;
+
+static int32_t timer_stop_after(DTTimer *t, uint32_t runs, const char *what) {
+    uint32_t run = t->times + 1; /* counted after the callback returns */
+    DTPrint_Puts(DTString_SFormat("timer %s: run %u", what, (unsigned)run), 0);
+    if (run < runs) return 1;
+    pthread_mutex_lock(&g_timer_lock);
+    ++g_timers_stopped;
+    pthread_cond_signal(&g_timer_cond);
+    pthread_mutex_unlock(&g_timer_lock);
+    return 0;
+}
+
+static int32_t heartbeat(DTTimer *t) { return timer_stop_after(t, 4, "heartbeat (200 ms)"); }
+static int32_t link_check(DTTimer *t) { return timer_stop_after(t, 3, "link check (300 ms)"); }
+
+static void *timer_thread(void *arg) {
+    (void)arg;
+    DTTimer_Loop();
+    return NULL;
+}
+
+static void demo_timers(void) {
+    DTTimer_Regist(heartbeat, 200);
+    DTTimer_Regist(link_check, 300);
+    pthread_t thread;
+    if (pthread_create(&thread, NULL, timer_thread, NULL) != 0) return;
+    pthread_detach(thread);
+    struct timespec limit;
+    clock_gettime(CLOCK_REALTIME, &limit);
+    limit.tv_sec += 5;
+    pthread_mutex_lock(&g_timer_lock);
+    while (g_timers_stopped < 2)
+        if (pthread_cond_timedwait(&g_timer_cond, &g_timer_lock, &limit) != 0) break;
+    pthread_mutex_unlock(&g_timer_lock);
+    DTTimer_Show();
+}
+
 /* The library's own figures, read out rather than parsed from DTMem_Show's text. */
 static void demo_memory_table(void) {
     DTTable *t = DTTable_New();
@@ -170,6 +216,7 @@ int main(void) {
     demo_logger();
     demo_faults();
     demo_funclog();
+    demo_timers();
     demo_memory_table();
     DTMem_Show();
     return 0;
