@@ -22,6 +22,11 @@
 #include "fault/DTFault.h"
 #include "fault/DTFuncLog.h"
 
+#include "collect/collect_client.h"
+#include "collect/collect_api.h"
+#include "collect/collect_getdata.h"
+#include "collect/collect_selftest.h"
+
 #include "table/DTTable.h"
 
 #include "net/DTSock.h"

@@ -1,1 +1,8 @@
 target_link_libraries(test_dtfcm_test PRIVATE dtfcm_decode)
+# dtcollect: the tests drive its core in-process and run the program itself
+# (under the emulator when cross-built).
+target_link_libraries(test_dtcollect_test PRIVATE dtcollect_core)
+add_dependencies(test_dtcollect_test dtcollect)
+string(REPLACE ";" " " _dtcollect_emulator "${CMAKE_CROSSCOMPILING_EMULATOR}")
+target_compile_definitions(test_dtcollect_test PRIVATE
+  DTCOLLECT_COMMAND="${_dtcollect_emulator} $<TARGET_FILE:dtcollect>")

@@ -1,0 +1,329 @@
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <sched.h>
+#include <sys/file.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "collect/collect_getdata.h"
+#include "collector.h"
+#include "stream_reader.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+Bytes Cat(std::initializer_list<Bytes> parts) {
+    Bytes b;
+    for (const Bytes &p : parts) b.insert(b.end(), p.begin(), p.end());
+    return b;
+}
+Bytes Be(uint64_t v, int n) {
+    Bytes b;
+    for (int i = n - 1; i >= 0; --i) b.push_back(uint8_t(v >> (8 * i)));
+    return b;
+}
+Bytes S(const std::string &s) { return Bytes(s.begin(), s.end()); }
+Bytes Msg(uint32_t type, const Bytes &payload, uint32_t seq = 1, uint32_t len = 0) {
+    return Cat({Be(len ? len : 12 + payload.size(), 4), Be(type, 4), Be(seq, 4), payload});
+}
+Bytes Head(uint8_t kind, uint32_t section, uint32_t block, uint32_t code) {
+    return Cat({{kind}, Be(section, 4), Be(block, 4), Be(code, 4)});
+}
+Bytes Num(uint8_t kind, uint32_t section, uint32_t block, uint32_t code, uint64_t v) {
+    return Cat({Head(kind, section, block, code), Be(v, kind == 0x81 ? 4 : 8)});
+}
+Bytes Piece(uint8_t kind, uint32_t section, uint32_t block, uint32_t code, const std::string &data) {
+    return Cat({Head(kind, section, block, code), Be(data.size(), 2), S(data)});
+}
+Bytes Entry(uint32_t index, const std::string &name) { return Cat({Be(index, 4), Be(name.size(), 2), S(name)}); }
+const Bytes kIdentity = Msg(0, {1, 2, 0, 0}, 5);
+
+struct Fed {
+    size_t acks = 0;
+    bool ok = false;
+    std::vector<dtcollect::Event> events;
+    std::string error;
+};
+Fed FeedAll(const Bytes &stream, size_t chunk, bool selfTest = false, size_t maxValue = dtcollect::kDefaultMaxValue) {
+    dtcollect::StreamReader r(selfTest, maxValue);
+    Fed f;
+    for (size_t at = 0; at < stream.size(); at += chunk)
+        f.acks += r.Feed(stream.data() + at, std::min(chunk, stream.size() - at));
+    f.ok = r.Finish();
+    f.events = r.TakeEvents();
+    f.error = r.Error();
+    return f;
+}
+
+TEST(DtcollectReader, RebuildsEveryKindFromPiecesWhateverTheChunking) {
+    Bytes stream = Cat({kIdentity, Msg(1, Cat({Entry(0, "cpu"), Entry(1, "mem")})),
+                        Msg(2, Cat({Num(0x81, 0, 7, 1, 42), Num(0x82, 0, 7, 2, 0x0102030405060708ull),
+                                    Piece(0x03, 1, 0, 3, "he"), Piece(0x83, 1, 0, 3, "llo"),
+                                    Piece(0x04, 1, 0, 4, std::string("\x00\xff", 2))})),
+                        Msg(2, Cat({Piece(0x84, 1, 0, 4, "\x10"), Num(0x81, 9, 0, 5, 1)})), Msg(2, {})});
+    const std::vector<std::string> want = {
+        R"({"host":"h","section":"cpu","index":0,"block":7,"code":1,"kind":"int","value":42})",
+        R"({"host":"h","section":"cpu","index":0,"block":7,"code":2,"kind":"long","value":72623859790382856})",
+        R"({"host":"h","section":"mem","index":1,"block":0,"code":3,"kind":"string","value":"hello"})",
+        R"({"host":"h","section":"mem","index":1,"block":0,"code":4,"kind":"buffer","value":"00ff10"})",
+        R"({"host":"h","section":null,"index":9,"block":0,"code":5,"kind":"int","value":1})",
+    };
+    for (size_t chunk : {size_t(1), size_t(5), size_t(13), stream.size()}) {
+        SCOPED_TRACE(chunk);
+        Fed f = FeedAll(stream, chunk);
+        EXPECT_TRUE(f.ok) << f.error;
+        EXPECT_EQ(f.acks, 5u);
+        ASSERT_EQ(f.events.size(), 3 + want.size());
+        for (size_t i = 0; i < want.size(); ++i) EXPECT_EQ(dtcollect::FormatJson("h", f.events[3 + i]), want[i]);
+        EXPECT_EQ(dtcollect::FormatText("h", f.events[2]), "h section 1 \"mem\"");
+        EXPECT_EQ(dtcollect::FormatText("h", f.events[4]),
+                  "h \"cpu\" #0 block 7 code 2 long 72623859790382856 (0x0102030405060708)");
+        EXPECT_EQ(dtcollect::FormatText("h", f.events[7]), "h ? #9 block 0 code 5 int 1");
+    }
+}
+
+TEST(DtcollectReader, MalformedStreamsNameTheOffsetAndKeepWhatCameBefore) {
+    Bytes head = Head(0x81, 0, 0, 0);
+    Bytes cut = Msg(2, head);
+    cut.pop_back();
+    struct Case {
+        const char *name;
+        Bytes stream;
+        const char *error;
+        size_t acks, events;
+        size_t maxValue = 0;
+    } cases[] = {
+        {"short length", Cat({kIdentity, Msg(2, {}, 1, 11)}), "message at byte offset 16 has length 11", 1, 1},
+        {"long length", Cat({kIdentity, Msg(2, {}, 1, 1037)}), "offset 16 has length 1037", 1, 1},
+        {"unknown type", Cat({kIdentity, Msg(3, {})}), "message at byte offset 16 has the unknown type 3", 1, 1},
+        {"no identity", Msg(2, {}), "message at byte offset 0 is of type 2", 0, 0},
+        {"late list", Cat({kIdentity, Msg(2, {}), Msg(1, {})}), "byte offset 28 is a section list out of place", 2, 1},
+        {"identity size", Msg(0, {1, 2, 0}), "identity message at byte offset 0 carries 3 bytes", 0, 0},
+        {"list overrun", Cat({kIdentity, Msg(1, {0, 0, 0, 0, 0, 5, 'a'})}), "entry at byte offset 28 overruns", 1, 1},
+        {"bad kind", Cat({kIdentity, Msg(2, Cat({Num(0x81, 0, 0, 0, 1), Head(0x05, 0, 0, 0)}))}),
+         "record at byte offset 45 has the unknown kind 0x05", 1, 2},
+        {"int not last", Cat({kIdentity, Msg(2, Head(0x01, 0, 0, 0))}), "unknown kind 0x01", 1, 1},
+        {"short record", Cat({kIdentity, Msg(2, Bytes(5, 0x81))}), "byte offset 28: its message ends after 5", 1, 1},
+        {"int overrun", Cat({kIdentity, Msg(2, Cat({head, {0, 0, 0}}))}),
+         "int record at byte offset 28 needs 17 bytes but its message ends at byte offset 44", 1, 1},
+        {"string overrun", Cat({kIdentity, Msg(2, Cat({Head(0x83, 0, 0, 0), {0, 10, 'a'}}))}),
+         "string record at byte offset 28 needs 25 bytes", 1, 1},
+        {"interrupted", Cat({kIdentity, Msg(2, Cat({Piece(0x03, 0, 0, 0, "ab"), Num(0x81, 0, 0, 0, 1)}))}),
+         "record at byte offset 45 breaks into the string value begun at byte offset 28", 1, 1},
+        {"other code", Cat({kIdentity, Msg(2, Cat({Piece(0x04, 0, 0, 0, "a"), Piece(0x84, 0, 0, 1, "b")}))}),
+         "record at byte offset 44 breaks into the buffer value", 1, 1},
+        {"too long", Cat({kIdentity, Msg(2, Cat({Piece(0x03, 0, 0, 0, "abc"), Piece(0x83, 0, 0, 0, "de")}))}),
+         "record at byte offset 46 makes the string value begun at byte offset 28 longer than 4 bytes", 1, 1, 4},
+        {"cut in payload", Cat({kIdentity, cut}),
+         "closed at byte offset 40, inside the message begun at byte offset 16 (24 of 25 bytes", 1, 1},
+        {"no closing message", Cat({kIdentity, Msg(2, Num(0x81, 0, 0, 0, 1))}),
+         "closed at byte offset 45 before the closing empty", 2, 2},
+        {"unfinished value", Cat({kIdentity, Msg(2, Piece(0x04, 0, 0, 0, "a")), Msg(2, {})}),
+         "closed at byte offset 56 with the buffer value begun at byte offset 28 unfinished", 3, 1},
+        {"empty", {}, "closed at byte offset 0 before the identity message", 0, 0},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.name);
+        for (size_t chunk : {size_t(1), size_t(4096)}) {
+            Fed f = FeedAll(c.stream, chunk, false, c.maxValue ? c.maxValue : dtcollect::kDefaultMaxValue);
+            EXPECT_FALSE(f.ok);
+            EXPECT_NE(f.error.find(c.error), std::string::npos) << f.error;
+            EXPECT_EQ(f.acks, c.acks);
+            EXPECT_EQ(f.events.size(), c.events);
+        }
+    }
+}
+
+TEST(DtcollectReader, JsonStringsAreValidForAnyBytes) {
+    const std::pair<std::string, std::string> cases[] = {
+        {"plain", R"("plain")"},
+        {"\"\\/", R"("\"\\/")"},
+        {std::string("\n\x01\x7f\x00", 4), R"("\u000a\u0001\u007f\u0000")"},
+        {"\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80", "\"\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80\""},  // well-formed UTF-8 passes
+        {"\xc3", R"("\u00c3")"},                                // cut sequence
+        {"\xc0\x80", R"("\u00c0\u0080")"},                      // overlong
+        {"\xed\xa0\x80", R"("\u00ed\u00a0\u0080")"},            // surrogate
+        {"\xf4\x90\x80\x80", R"("\u00f4\u0090\u0080\u0080")"},  // past U+10FFFF
+        {"\xe2\x82" "a", R"("\u00e2\u0082a")"},
+        {"\xff\xfe", R"("\u00ff\u00fe")"},
+    };
+    for (const auto &c : cases) EXPECT_EQ(dtcollect::JsonString(c.first), c.second);
+}
+
+TEST(DtcollectArgs, BadUsageExitsTwoWithAMessage) {
+    const std::pair<std::vector<std::string>, std::string> cases[] = {
+        {{}, "no HOST given"},
+        {{"--type", "3", "h"}, "bad value for --type: 3"},
+        {{"--timeout", "0", "h"}, "bad value for --timeout: 0"},
+        {{"--type", "1", "--selftest", "h"}, "--type and --selftest exclude each other"},
+        {{"--listen-port", "65535", "a", "b"}, "--listen-port 65535 leaves no room for 2 hosts"},
+        {{"h", "--timeout"}, "--timeout needs a value"},
+        {{"--bogus", "h"}, "unknown option --bogus"},
+    };
+    for (const auto &c : cases) {
+        std::ostringstream out, err;
+        EXPECT_EQ(dtcollect::Main(c.first, out, err), 2);
+        EXPECT_NE(err.str().find("dtcollect: " + c.second), std::string::npos) << err.str();
+    }
+}
+
+// Network tests keep UDP port 9099 to themselves, since test runs of other
+// build trees may use it meanwhile: in a network namespace of this test
+// process alone when it may make one, else by a machine-wide turn.
+class DtcollectNet : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (unshare(CLONE_NEWNET) == 0) {
+            ASSERT_TRUE(LoopbackUp());
+            return;
+        }
+        lock_ = open("/tmp/dtkit-udp9099.lock", O_RDWR | O_CREAT, 0600);
+        if (lock_ >= 0) flock(lock_, LOCK_EX);
+    }
+    void TearDown() override {
+        if (lock_ >= 0) close(lock_);
+    }
+    static bool LoopbackUp() {
+        int s = socket(AF_INET, SOCK_DGRAM, 0);
+        ifreq r{};
+        strncpy(r.ifr_name, "lo", IFNAMSIZ - 1);
+        bool ok = ioctl(s, SIOCGIFFLAGS, &r) == 0;
+        r.ifr_flags |= IFF_UP;
+        ok = ok && ioctl(s, SIOCSIFFLAGS, &r) == 0;
+        close(s);
+        return ok;
+    }
+
+private:
+    int lock_ = -1;
+};
+
+std::string ReadAll(const std::string &path) {
+    std::ifstream f(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
+}
+// Runs the program itself, in this test's network namespace.
+int RunTool(const std::string &args, std::string &out, std::string &err) {
+    std::string base = "/tmp/dtcollect-test-" + std::to_string(getpid());
+    int status = system((DTCOLLECT_COMMAND " " + args + " >" + base + ".out 2>" + base + ".err").c_str());
+    out = ReadAll(base + ".out");
+    err = ReadAll(base + ".err");
+    remove((base + ".out").c_str());
+    remove((base + ".err").c_str());
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+TEST_F(DtcollectNet, AHostThatNeverAnswersTimesOut) {
+    std::string out, err;
+    EXPECT_EQ(RunTool("--timeout 1 127.0.0.1", out, err), 1);
+    EXPECT_EQ(out, "");
+    EXPECT_NE(err.find("dtcollect: 127.0.0.1: no connection from the device within 1 s"), std::string::npos) << err;
+    EXPECT_NE(err.find("at byte offset 0\n"), std::string::npos) << err;
+}
+
+CollectSection *g_numbers = nullptr;
+CollectSection *g_texts = nullptr;
+const std::string kOdd = "tab\t\"q\" \xc3\xa9\x01\xff";
+std::string LongText() {
+    std::string s;
+    for (int i = 0; i < 3000; ++i) s += char('a' + i % 26);
+    return s;
+}
+std::string Blob() {
+    std::string b;
+    for (int i = 0; i < 2500; ++i) b += char(i * 7);
+    return b;
+}
+std::atomic<int> g_stallMs{0};
+void PutNumbers(uint32_t) {
+    usleep(g_stallMs * 1000);
+    Collect_BeginSection(g_numbers, 7);
+    Collect_PutInt(g_numbers, 1, 0xDEADBEEF);
+    Collect_PutLong(g_numbers, 2, 0x0102030405060708ll);
+    Collect_EndSection(g_numbers);
+}
+void PutTexts(uint32_t) {
+    Collect_PutString(g_texts, 3, kOdd.c_str(), int32_t(kOdd.size()));
+    Collect_PutString(g_texts, 4, LongText().c_str(), 0);
+    Collect_PutStruct(g_texts, 5, Blob().data(), uint32_t(Blob().size()));
+}
+void SelfTestTexts(uint32_t) { Collect_PutInt(g_texts, 6, 99); }
+
+std::string Json(const char *section, int index, int block, int code, const char *kind, const std::string &value) {
+    return std::string("{\"host\":\"127.0.0.1\",\"section\":\"") + section + "\",\"index\":" + std::to_string(index) +
+           ",\"block\":" + std::to_string(block) + ",\"code\":" + std::to_string(code) + ",\"kind\":\"" + kind +
+           "\",\"value\":" + value + "}\n";
+}
+
+// The library's own agent on a thread of this process, serving the two
+// sections above; values long enough to be split across messages.
+class DtcollectAgent : public DtcollectNet {
+protected:
+    void SetUp() override {
+        DtcollectNet::SetUp();
+        g_numbers = Collect_New("numbers", PutNumbers, nullptr);
+        g_texts = Collect_New("texts", PutTexts, SelfTestTexts);
+        std::thread([] { Collect_Init(0x01020000); }).detach();
+        // The agent makes its log once its request socket is bound.
+        for (int i = 0; i < 500 && !*static_cast<DTLogger *volatile *>(&g_collect_param.logger); ++i) usleep(10000);
+        ASSERT_NE(*static_cast<DTLogger *volatile *>(&g_collect_param.logger), nullptr) << "UDP 9099 is taken";
+    }
+    const std::string json_ = Json("numbers", 0, 7, 1, "int", "3735928559") +
+                              Json("numbers", 0, 7, 2, "long", "72623859790382856") +
+                              Json("texts", 1, 0, 3, "string", R"("tab\u0009\"q\" )" "\xc3\xa9" R"(\u0001\u00ff")") +
+                              Json("texts", 1, 0, 4, "string", "\"" + LongText() + "\"") +
+                              Json("texts", 1, 0, 5, "buffer", "\"" + dtcollect::Hex(Blob()) + "\"");
+};
+
+TEST_F(DtcollectAgent, PrintsExactlyWhatTheSectionsPut) {
+    std::string out, err;
+    EXPECT_EQ(RunTool("--json --type 2 127.0.0.1", out, err), 0) << err;
+    EXPECT_EQ(out, json_);
+    EXPECT_EQ(RunTool("--sequence 77 127.0.0.1", out, err), 0) << err;
+    std::string plain = "127.0.0.1 identity 01 02 sequence 77\n127.0.0.1 section 0 \"numbers\"\n"
+                        "127.0.0.1 section 1 \"texts\"\n127.0.0.1 \"numbers\" #0 block 7 code 1 int 3735928559\n";
+    EXPECT_EQ(out.substr(0, plain.size()), plain);
+    EXPECT_NE(out.find("\"texts\" #1 block 0 code 5 buffer 2500 " + dtcollect::Hex(Blob()) + "\n"), std::string::npos);
+    EXPECT_EQ(RunTool("--selftest 127.0.0.1", out, err), 0) << err;
+    EXPECT_NE(out.find("127.0.0.1 selftest \"texts\"\n127.0.0.1 \"texts\" #1 block 0 code 6 int 99\n"), std::string::npos) << out;
+    EXPECT_EQ(out.find("numbers"), std::string::npos);
+}
+
+TEST_F(DtcollectAgent, ADeviceFallingSilentIsReportedAfterWhatItSent) {
+    g_stallMs = 1500;
+    std::string out, err;
+    EXPECT_EQ(RunTool("--timeout 0.3 127.0.0.1", out, err), 1);
+    EXPECT_EQ(out, "127.0.0.1 identity 01 02 sequence 1\n127.0.0.1 section 0 \"numbers\"\n127.0.0.1 section 1 \"texts\"\n");
+    EXPECT_EQ(err, "dtcollect: 127.0.0.1: no data from the device for 0.3 s at byte offset 52\n");
+}
+
+TEST_F(DtcollectAgent, HostsRunInParallelAndOneFailureSparesTheOthers) {
+    int held = socket(AF_INET, SOCK_STREAM, 0);  // the third host's listening port is taken
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    socklen_t len = sizeof a;
+    ASSERT_EQ(bind(held, reinterpret_cast<sockaddr *>(&a), sizeof a), 0);
+    ASSERT_EQ(listen(held, 1), 0);
+    ASSERT_EQ(getsockname(held, reinterpret_cast<sockaddr *>(&a), &len), 0);
+    int port = ntohs(a.sin_port);
+    std::string out, err;
+    EXPECT_EQ(RunTool("--json --listen-port " + std::to_string(port - 2) + " 127.0.0.1 127.0.0.1 127.0.0.1", out, err), 1);
+    EXPECT_EQ(out, json_ + json_);
+    EXPECT_NE(err.find("dtcollect: 127.0.0.1: cannot listen on TCP port " + std::to_string(port)), std::string::npos) << err;
+    close(held);
+}
+
+}  // namespace
