@@ -1,0 +1,206 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "config_core.h"
+#include "dtnetns.h"
+#include "net/DTConfig.h"
+#include "net/DTSock.h"
+
+namespace {
+
+using dtconfigd::Config;
+
+TEST(DtconfigdFile, ReadsSectionsKeysAndValuesTrimmed) {
+    const std::string text =
+        "# lab settings\n\n[net]\n  mtu =  1500 \t\r\n"
+        "name = a b # not a comment\n[ gw ]\nip=10.0.0.1\n[net]\n   # indented comment\nspeed = 100";
+    Config c;
+    dtconfigd::FileError e;
+    ASSERT_TRUE(dtconfigd::ParseConfig(text, c, e)) << e.line << ": " << e.what;
+    EXPECT_EQ(*c.Find("net", "mtu"), "1500");
+    EXPECT_EQ(*c.Find("net", "name"), "a b # not a comment");
+    EXPECT_EQ(*c.Find("gw", "ip"), "10.0.0.1");
+    EXPECT_EQ(*c.Find("net", "speed"), "100");  // a reopened section gains keys
+    EXPECT_EQ(c.Values(), 4u);
+}
+
+TEST(DtconfigdFile, RefusesEachMalformedLineWithItsNumber) {
+    const struct {
+        std::string text;
+        size_t line;
+        std::string what;
+    } cases[] = {
+        {"a = 1\n", 1, "before any [section]"},
+        {"[s]\n\n[t\n", 3, "closing ']'"},
+        {"[s]\n[ ]\n", 2, "empty section name"},
+        {"[a b]\n", 1, "not one word"},
+        {"[s]\n# c\njust words\n", 3, "expected"},
+        {"[s]\n = 1\n", 2, "empty key"},
+        {"[s]\nmy key = 1\n", 2, "not one word"},
+        {"[s]\nk =  \n", 2, "empty value"},
+        {"[s]\nk = 1\nk = 2\n", 3, "given twice"},
+        {"[s]\nk = " + std::string(1000, 'v') + "\n", 2, "longer than 999"},
+        {"[s]\nk = 1\nj = a" + std::string(1, '\0') + "b\n", 3, "zero byte"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.text);
+        Config cfg;
+        cfg.sections["old"]["k"] = "kept";
+        dtconfigd::FileError e;
+        EXPECT_FALSE(dtconfigd::ParseConfig(c.text, cfg, e));
+        EXPECT_EQ(e.line, c.line);
+        EXPECT_NE(e.what.find(c.what), std::string::npos) << e.what;
+        EXPECT_EQ(cfg.Values(), 1u);
+    }
+}
+
+TEST(DtconfigdRequest, SplitsSectionKeyAndDefault) {
+    const struct {
+        std::string in, section, key, def;
+    } good[] = {
+        {"=>config net mtu 1500", "net", "mtu", "1500"},
+        {"=>config s k two words", "s", "k", "two words"},
+        {"=>config s k ", "s", "k", ""},
+    };
+    for (const auto &g : good) {
+        dtconfigd::Request r;
+        std::string why;
+        ASSERT_TRUE(dtconfigd::ParseRequest(g.in.data(), g.in.size(), r, why)) << g.in << ": " << why;
+        EXPECT_EQ(r.section, g.section);
+        EXPECT_EQ(r.key, g.key);
+        EXPECT_EQ(r.defaultText, g.def);
+    }
+    const std::string bad[] = {"", "=>config", "=>confix a b c", "config a b c", "=>config net mtu",
+                               "=>config  mtu 1", "=>config net  1", std::string("=>config a b c\0d", 16),
+                               "=>config a b " + std::string(1000, 'd')};
+    for (const std::string &b : bad) {
+        dtconfigd::Request r;
+        std::string why;
+        EXPECT_FALSE(dtconfigd::ParseRequest(b.data(), b.size(), r, why)) << b;
+        EXPECT_FALSE(why.empty()) << b;
+    }
+    EXPECT_EQ(dtconfigd::Printable("a\nb\\"), "a\\x0ab\\x5c");  // no forged log lines
+}
+
+std::string TempFile(const std::string &text) {
+    char path[] = "/tmp/dtconfigd_testXXXXXX";
+    int fd = mkstemp(path);
+    if (fd >= 0) close(fd);
+    std::ofstream(path, std::ios::binary) << text;
+    return path;
+}
+
+// dtconfigd as a child process (under the emulator when cross-built), its
+// standard output and error in a file the test reads.
+struct Daemon {
+    pid_t pid = -1;
+    std::string log = TempFile("");
+    // `prefix` runs the program (e.g. in a namespace); `args` are the program's.
+    void Start(std::vector<std::string> argv, const std::vector<std::string> &args) {
+        std::istringstream cmd(DTCONFIGD_COMMAND);
+        for (std::string w; cmd >> w;) argv.push_back(w);
+        argv.insert(argv.end(), args.begin(), args.end());
+        pid = fork();
+        if (pid != 0) return;
+        int fd = open(log.c_str(), O_WRONLY | O_APPEND);
+        dup2(fd, 1);
+        dup2(fd, 2);
+        std::vector<char *> a;
+        for (std::string &s : argv) a.push_back(&s[0]);
+        a.push_back(nullptr);
+        execvp(a[0], a.data());
+        _exit(127);
+    }
+    std::string Log() const {
+        std::ifstream in(log);
+        return std::string(std::istreambuf_iterator<char>(in), {});
+    }
+    // How often the log holds `text`, once it does `atLeast` times or 20 s
+    // have passed (the emulator is slow).
+    int Count(const std::string &text, int atLeast = 0) const {
+        for (int i = 0;; ++i) {
+            std::string l = Log();
+            int n = 0;
+            for (size_t at = l.find(text); at != std::string::npos; at = l.find(text, at + 1)) ++n;
+            if (n >= atLeast || i == 400) return n;
+            usleep(50 * 1000);
+        }
+    }
+    // Signal 0 only waits for the end.
+    int Stop(int sig = SIGTERM) {
+        int status = -1;
+        if (pid > 0 && kill(pid, sig) == 0) waitpid(pid, &status, 0);
+        pid = -1;
+        return status;
+    }
+    ~Daemon() {
+        if (pid > 0) Stop(SIGKILL);
+        unlink(log.c_str());
+    }
+};
+
+int RunToEnd(const std::vector<std::string> &args, Daemon &d) {
+    d.Start({}, args);
+    int status = d.Stop(0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+TEST(DtconfigdProgram, RefusesAMalformedFileOrBadUsage) {
+    std::string bad = TempFile("[net]\nmtu = 1\nmtu = 2\n");
+    Daemon d1, d2;
+    EXPECT_EQ(RunToEnd({bad}, d1), 1);
+    EXPECT_NE(d1.Log().find(bad + ":3: key \"mtu\" given twice"), std::string::npos) << d1.Log();
+    EXPECT_EQ(RunToEnd({"--port", "70000", bad}, d2), 2);
+    EXPECT_NE(d2.Log().find("bad value for --port"), std::string::npos) << d2.Log();
+    unlink(bad.c_str());
+}
+
+TEST(DtconfigdNamespace, LibraryGettersFindTheServerByBroadcastThenAskDirectly) {
+    dttest::NetnsPair ns;
+    std::string why = ns.Make();
+    if (!why.empty()) GTEST_SKIP() << why;
+    std::string conf = TempFile("[net]\nmtu = 9000\nname = lab one\n");
+    Daemon d;
+    d.Start({"ip", "netns", "exec", ns.ServerName()}, {conf});
+    ASSERT_EQ(d.Count("serving 2 values", 1), 1) << d.Log();
+    ASSERT_TRUE(ns.EnterDevice());
+    EXPECT_EQ(DTConfig_GetInt("net", "mtu", 1500), 9000);
+    char out[1000];
+    DTConfig_GetString("net", "name", "none", out);
+    EXPECT_STREQ(out, "lab one");
+    EXPECT_EQ(DTConfig_GetInt("net", "speed", 100), 100);
+    // The server logs a query after replying to it: wait for the lines.
+    EXPECT_EQ(d.Count("query from 10.99.0.1:8998 to 10.99.0.2:", 2), 2) << d.Log();
+    EXPECT_EQ(d.Count("query from 10.99.0.1:8998 to 255.255.255.255:"), 1) << d.Log();
+    EXPECT_EQ(d.Count("[net] speed -> \"100\" (default)"), 1) << d.Log();
+    std::ofstream(conf, std::ios::trunc) << "[net]\nmtu = 1400\n";
+    kill(d.pid, SIGHUP);
+    ASSERT_EQ(d.Count("reloaded", 1), 1) << d.Log();
+    EXPECT_EQ(DTConfig_GetInt("net", "mtu", 1500), 1400);
+    std::ofstream(conf, std::ios::trunc) << "[net\nmtu = 1\n";
+    kill(d.pid, SIGHUP);
+    ASSERT_EQ(d.Count("reload refused", 1), 1) << d.Log();
+    EXPECT_EQ(d.Count(conf + ":1: section heading without a closing ']'"), 1) << d.Log();
+    EXPECT_EQ(DTConfig_GetInt("net", "mtu", 1500), 1400);
+    int sock = DTSock_UDP_Create(nullptr, 0);
+    char addr[20] = "10.99.0.2";
+    int32_t port = 8999;
+    char buf[1001] = "=>config net";
+    EXPECT_EQ(DTSock_UDP_GetMessage(sock, addr, &port, buf, 12, 1000, 300), 0);
+    EXPECT_EQ(d.Count("malformed request from 10.99.0.1:", 1), 1) << d.Log();
+    DTSock_UDP_Close(sock);
+    int status = d.Stop();
+    EXPECT_TRUE(WIFEXITED(status)) << status;
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    unlink(conf.c_str());
+}
+
+}  // namespace
