@@ -86,7 +86,6 @@ TEST(DTSock, CreateBindsOnlyWithAddressAndPort) {
         DTSock_UDP_Close(s);
     }
     DTSock_UDP_Close(bound);
-    DTSock_UDP_Close(-1);
 }
 
 TEST(DTSock, WaitLimits) {

@@ -6,7 +6,6 @@
 
 #include <atomic>
 #include <cstdio>
-#include <cstdlib>
 
 namespace dttest {
 namespace {
@@ -16,14 +15,12 @@ std::atomic<int> g_pairs{0};
 // Runs one command through the shell; empty on success, else the command and
 // what it printed, so that a skip says exactly what the machine refused.
 std::string Run(const std::string &cmd) {
-    std::string full = cmd + " 2>&1";
-    FILE *p = popen(full.c_str(), "r");
+    FILE *p = popen((cmd + " 2>&1").c_str(), "r");
     if (!p) return "cannot run: " + cmd;
     std::string out;
     char buf[256];
     while (fgets(buf, sizeof buf, p)) out += buf;
-    int rc = pclose(p);
-    if (rc == 0) return "";
+    if (pclose(p) == 0) return "";
     while (!out.empty() && out.back() == '\n') out.pop_back();
     return "`" + cmd + "` failed: " + out;
 }
@@ -33,10 +30,18 @@ std::string Run(const std::string &cmd) {
 // may race on its mount point: one retry covers that.
 std::string AddNamespace(const std::string &name) {
     if (access(("/var/run/netns/" + name).c_str(), F_OK) == 0) (void)Run("ip netns del " + name);
-    std::string err = Run("ip netns add " + name);
-    if (err.empty()) return err;
+    if (Run("ip netns add " + name).empty()) return "";
     usleep(200 * 1000);
     return Run("ip netns add " + name);
+}
+
+bool Enter(const std::string &name) {
+    if (name.empty()) return false;
+    int fd = open(("/var/run/netns/" + name).c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return false;
+    bool ok = setns(fd, CLONE_NEWNET) == 0;
+    close(fd);
+    return ok;
 }
 
 }  // namespace
@@ -56,11 +61,8 @@ std::string NetnsPair::Make() {
     std::string vs = "dts" + tag;
 
     std::string err = AddNamespace(device_);
+    if (err.empty()) err = AddNamespace(server_);
     if (!err.empty()) return err;
-    madeDevice_ = true;
-    err = AddNamespace(server_);
-    if (!err.empty()) return err;
-    madeServer_ = true;
     const std::string steps[] = {
         "ip -n " + device_ + " link add " + vd + " type veth peer name " + vs + " netns " + server_,
         "ip -n " + device_ + " addr add 10.99.0.1/24 dev " + vd,
@@ -79,17 +81,8 @@ std::string NetnsPair::Make() {
     return "";
 }
 
-bool NetnsPair::Enter_(const std::string &name) {
-    if (name.empty()) return false;
-    int fd = open(("/var/run/netns/" + name).c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return false;
-    bool ok = setns(fd, CLONE_NEWNET) == 0;
-    close(fd);
-    return ok;
-}
-
-bool NetnsPair::EnterDevice() { return Enter_(device_); }
-bool NetnsPair::EnterServer() { return Enter_(server_); }
+bool NetnsPair::EnterDevice() { return Enter(device_); }
+bool NetnsPair::EnterServer() { return Enter(server_); }
 const std::string &NetnsPair::DeviceName() const { return device_; }
 const std::string &NetnsPair::ServerName() const { return server_; }
 
@@ -100,8 +93,11 @@ NetnsPair::~NetnsPair() {
         (void)setns(origin_, CLONE_NEWNET);
         close(origin_);
     }
-    if (madeDevice_) (void)Run("ip netns del " + device_);
-    if (madeServer_) (void)Run("ip netns del " + server_);
+    // Deleting a namespace that was never made only fails, and its name carries our pid.
+    if (!device_.empty()) {
+        (void)Run("ip netns del " + device_);
+        (void)Run("ip netns del " + server_);
+    }
 }
 
 }  // namespace dttest

@@ -26,11 +26,8 @@ public:
     ~NetnsPair();  // deletes both namespaces
 
 private:
-    bool Enter_(const std::string &name);
     std::string device_;
     std::string server_;
-    bool madeDevice_ = false;
-    bool madeServer_ = false;
     int origin_ = -1;  // the namespace the maker's thread came from
 };
 
