@@ -3,6 +3,7 @@
 #include <string.h>
 
 #include "containers/DTList.h"
+#include "containers/DTList_internal.h"
 #include "containers/DTMD5.h"
 #include "foundation/DTMem.h"
 #include "foundation/DTPrint.h"
@@ -72,21 +73,78 @@ int ShowEach_(void *entry, void *table) {
     return 1;
 }
 
-DTList *BucketList_(DTHash *h, const void *key) {
-    uint32_t b = h->hashFn(key, h->keyLen, h->bucketCount) % h->bucketCount;
-    return h->buckets[b].list;
+// Power-of-two tables (the usual choice) mask instead of dividing: the
+// result is the same remainder, without a divide on the lookup path.
+inline uint32_t BucketOf_(const DTHash *h, const void *key) {
+    uint32_t n = h->bucketCount;
+    uint32_t v = h->hashFn(key, h->keyLen, n);
+    return (n & (n - 1)) == 0 ? v & (n - 1) : v % n;
 }
 
-DTList *MakeBucketList_(DTHash *h, const void *key) {
-    uint32_t b = h->hashFn(key, h->keyLen, h->bucketCount) % h->bucketCount;
-    DTList *list = DTList_New(0, h->isStatic ? nullptr : DTMem_LocalFree);
-    if (list) h->buckets[b].list = list;
-    return list;
+// Same bytes as DTHash_Cmp's memcmp, but the common key sizes become one or
+// two plain loads instead of a library call through a function pointer.
+inline bool SameKey_(const uint8_t *entry, const uint8_t *key, uint32_t len) {
+    if (len == 8) {
+        uint64_t a, b;
+        memcpy(&a, entry, 8);
+        memcpy(&b, key, 8);
+        return a == b;
+    }
+    if (len == 4) {
+        uint32_t a, b;
+        memcpy(&a, entry, 4);
+        memcpy(&b, key, 4);
+        return a == b;
+    }
+    return memcmp(entry, key, len) == 0;
 }
 
-uint8_t *FindEntry_(DTHash *h, DTList *list, const void *key) {
-    DTHashKey k = {h->keyLen, key};
-    return static_cast<uint8_t *>(DTList_Find(list, DTHash_Cmp, &k));
+// Hint to fetch the cache line around an address. Addresses are computed as
+// plain numbers: the guesses below may point outside any object, which a
+// prefetch tolerates (it never faults) but pointer arithmetic would not.
+inline void Prefetch_(const void *p, intptr_t offset) {
+    __builtin_prefetch(reinterpret_cast<const void *>(reinterpret_cast<uintptr_t>(p) + offset));
+}
+
+// Set allocates a new bucket's list, then the entry, then the node, and
+// each later key's entry right before its node, so neighbours in memory are
+// usually what the walk reads next. Asking for them as soon as an address is
+// known overlaps those fetches instead of chaining them.
+inline void PrefetchNode_(const DTListNode *node) {
+    Prefetch_(node, 0);
+    Prefetch_(node, -32);
+}
+
+// The bucket walk of DTList_Find with DTHash_Cmp, done here over the node
+// layout so that each node costs its own load and its entry's, and nothing
+// else. Bucket lists only ever hold entries, never 0.
+inline uint8_t *FindEntry_(const DTHash *h, const DTList *list, const void *key) {
+    Prefetch_(list, 48);
+    Prefetch_(list, 96);
+    const uint8_t *k = static_cast<const uint8_t *>(key);
+    uint32_t len = h->keyLen;
+    for (const DTListNode *node = list->head; node; node = node->next) {
+        Prefetch_(node, -32);
+        PrefetchNode_(node->next);
+        uint8_t *entry = static_cast<uint8_t *>(node->item);
+        if (SameKey_(entry, k, len)) return entry;
+    }
+    return nullptr;
+}
+
+// DTList_Push for a bucket list, which never has a limit: the node is made
+// exactly as the list makes it (pool or counted, by its release function)
+// and linked at the head, without the three calls in between.
+inline int32_t PushEntry_(DTList *list, uint8_t *entry) {
+    void *mem = list->freeItem ? DTMem_Malloc(0, sizeof(DTListNode))
+                               : DTMem_LocalMalloc_Static(sizeof(DTListNode));
+    if (!mem) return 0;
+    DTListNode *node = static_cast<DTListNode *>(mem);
+    node->item = entry;
+    node->next = list->head;
+    list->head = node;
+    list->count++;
+    return 1;
 }
 
 }  // namespace
@@ -125,7 +183,9 @@ DTHash *DTHash_New(uint32_t keyLen, uint32_t valueLen, uint32_t bucketCount, DTH
 
 int32_t DTHash_Set(DTHash *h, const void *key, const void *value) {
     if (!h || !key || !value || h->bucketCount == 0) return 0;
-    DTList *list = BucketList_(h, key);
+    // One hash serves both the search and a new bucket list.
+    DTHashBucket *bucket = &h->buckets[BucketOf_(h, key)];
+    DTList *list = bucket->list;
     if (list) {
         uint8_t *entry = FindEntry_(h, list, key);
         if (entry) {
@@ -133,16 +193,18 @@ int32_t DTHash_Set(DTHash *h, const void *key, const void *value) {
             return 1;
         }
     } else {
-        list = MakeBucketList_(h, key);
+        list = DTList_New(0, h->isStatic ? nullptr : DTMem_LocalFree);
         if (!list) return 0;
+        bucket->list = list;
     }
     uint32_t size = h->keyLen + h->valueLen;
-    void *mem = h->isStatic ? DTMem_LocalMalloc_Static(size) : DTMem_LocalMalloc(size);
+    // Owner 0 directly: the same block and count as DTMem_LocalMalloc, one call less.
+    void *mem = h->isStatic ? DTMem_LocalMalloc_Static(size) : DTMem_Malloc(0, size);
     if (!mem) return 0;
     uint8_t *entry = static_cast<uint8_t *>(mem);
     memcpy(entry, key, h->keyLen);
     memcpy(entry + h->keyLen, value, h->valueLen);
-    if (DTList_Push(list, entry)) return 1;
+    if (PushEntry_(list, entry)) return 1;
     // The list could not take it; a pool entry cannot go back, an ordinary one must.
     if (!h->isStatic) DTMem_LocalFree(entry);
     return 0;
@@ -152,7 +214,7 @@ int32_t DTHash_Get(DTHash *h, const void *key, void **value) {
     if (!h) return 0;
     uint8_t *entry = nullptr;
     if (key && h->bucketCount != 0) {
-        DTList *list = BucketList_(h, key);
+        DTList *list = h->buckets[BucketOf_(h, key)].list;
         if (list) entry = FindEntry_(h, list, key);
     }
     if (value) *value = entry ? entry + h->keyLen : nullptr;
@@ -161,7 +223,7 @@ int32_t DTHash_Get(DTHash *h, const void *key, void **value) {
 
 void DTHash_Delete(DTHash *h, const void *key) {
     if (!h || !key || h->bucketCount == 0) return;
-    DTList *list = BucketList_(h, key);
+    DTList *list = h->buckets[BucketOf_(h, key)].list;
     if (!list) return;
     DTHashKey k = {h->keyLen, key};
     int32_t pos = DTList_FindPos(list, DTHash_Cmp, &k);

@@ -16,13 +16,22 @@ inline void Op_(uint32_t &a, uint32_t b, uint32_t c, uint32_t d, uint32_t x, uin
     a = b + Rotl_(a + Q(b, c, d) + x + t, s);
 }
 
+inline uint32_t LoadBE32_(const uint8_t *p) {
+    return (uint32_t)p[0] << 24 | (uint32_t)p[1] << 16 | (uint32_t)p[2] << 8 | (uint32_t)p[3];
+}
+
 // Only the first ten words ever take part, so only 40 input bytes are read;
 // bytes past the input count as zero. Words are big-endian on every host so
 // that a key lands in the same bucket on the board and on the workstation.
+// Whole words are assembled in one go (a single swapped load where the host
+// has one); only a short tail goes byte by byte.
 void LoadBlock_(uint32_t x[10], const uint8_t *in, uint32_t len) {
     uint32_t n = len < 40 ? len : 40;
-    for (uint32_t k = 0; k < 10; ++k) x[k] = 0;
-    for (uint32_t i = 0; i < n; ++i) x[i / 4] |= (uint32_t)in[i] << (24 - 8 * (i % 4));
+    uint32_t full = n / 4;
+    uint32_t k = 0;
+    for (; k < full; ++k) x[k] = LoadBE32_(in + 4 * k);
+    for (uint32_t j = k; j < 10; ++j) x[j] = 0;
+    for (uint32_t i = 4 * full; i < n; ++i) x[k] |= (uint32_t)in[i] << (24 - 8 * (i % 4));
 }
 
 }  // namespace
