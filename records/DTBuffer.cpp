@@ -15,14 +15,12 @@ struct Field_ {
     uint32_t size;
 };
 
-uint32_t LetterSize_(char c, int32_t count) {
+uint32_t LetterSize_(char c, uint32_t count) {
     switch (c) {
         case 'B': case 'b': return 1;
         case 'H': case 'h': return 2;
         case 'I': case 'i': case 'T': return 4;
-        // A count that wrapped negative (ten digits or more) is an empty
-        // field rather than a 2 GiB one.
-        case 'S': case 's': return count > 0 ? static_cast<uint32_t>(count) : 0;
+        case 'S': case 's': return count;
         default: return 0;
     }
 }
@@ -32,21 +30,45 @@ bool IsFieldLetter_(char c) { return c != '\0' && strchr("BbHhIiTSs", c) != null
 // The one scanner all three operations share: advances *fmt past the next
 // field letter and describes it; false at the end of the format.
 bool NextField_(const char **fmt, Field_ *field) {
-    uint32_t count = 0;  // unsigned so that a long digit run wraps instead of overflowing
+    // A count past what a signed 32-bit number holds stays too large however
+    // many digits follow, and then makes an empty field rather than a wrapped one.
+    const uint32_t kCountMax = 0x7FFFFFFFu;
+    uint32_t count = 0;
+    bool tooLarge = false;
     for (const char *p = *fmt; *p; ++p) {
         char c = *p;
         if (IsFieldLetter_(c)) {
             field->letter = c;
-            field->size = LetterSize_(c, static_cast<int32_t>(count));
+            field->size = LetterSize_(c, tooLarge ? 0 : count);
             *fmt = p + 1;
             return true;
         }
-        if (c >= '0' && c <= '9')
-            count = count * 10u + static_cast<uint32_t>(c - '0');
-        else
+        if (c >= '0' && c <= '9') {
+            uint32_t digit = static_cast<uint32_t>(c - '0');
+            if (!tooLarge && count > (kCountMax - digit) / 10u) tooLarge = true;
+            if (!tooLarge) count = count * 10u + digit;
+        } else {
             count = 0;
+            tooLarge = false;
+        }
     }
     return false;
+}
+
+// Size of the whole format, or false when it would pass 32 bits: such a format
+// is refused as a whole, so no operation can walk more bytes than it reports.
+bool TotalSize_(const char *fmt, uint32_t *total, uint32_t *fields) {
+    uint64_t sum = 0;
+    uint32_t n = 0;
+    Field_ f;
+    while (NextField_(&fmt, &f)) {
+        sum += f.size;
+        if (sum > 0xFFFFFFFFu) return false;
+        ++n;
+    }
+    *total = static_cast<uint32_t>(sum);
+    *fields = n;
+    return true;
 }
 
 void PutBE_(uint8_t *dst, uint32_t value, uint32_t size) {
@@ -154,17 +176,16 @@ extern "C" {
 uint32_t DTBuffer_GetPackSize(const char *fmt, uint32_t *fields) {
     if (fields) *fields = 0;
     if (!fmt) return 0;
-    uint32_t total = 0;
-    Field_ f;
-    while (NextField_(&fmt, &f)) {
-        total += f.size;
-        if (fields) ++*fields;
-    }
+    uint32_t total = 0, count = 0;
+    if (!TotalSize_(fmt, &total, &count)) return 0;
+    if (fields) *fields = count;
     return total;
 }
 
 uint32_t DTBuffer_Pack(void *dst, const char *fmt, ...) {
     if (!dst || !fmt) return 0;
+    uint32_t total = 0, count = 0;
+    if (!TotalSize_(fmt, &total, &count)) return 0;
     uint8_t *out = static_cast<uint8_t *>(dst);
     uint32_t pos = 0;
     va_list ap;
@@ -193,6 +214,8 @@ int32_t DTBuffer_UNPack(const char *fmt, const void *src, ...) {
     const uint8_t *in = static_cast<const uint8_t *>(src);
     bool dump = fmt[0] == '*';
     const char *scan = dump ? fmt + 1 : fmt;
+    uint32_t total = 0, count = 0;
+    if (!TotalSize_(scan, &total, &count)) return 0;
     if (dump) DumpFormatLine_(fmt);
 
     va_list ap;

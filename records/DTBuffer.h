@@ -11,10 +11,12 @@ extern "C" {
 #endif
 
 /* Integer fields take int-promoted values, S/s a pointer; null dst returns 0.
- * A null S/s source packs zeros, and a count prefix too large for 32 bits makes an
- * empty field, in all three operations alike. */
+ * A null S/s source packs zeros, and a count prefix too large for 32 bits (above
+ * 2147483647, however many digits) makes an empty field, in all three operations alike. */
 uint32_t DTBuffer_Pack(void *dst, const char *fmt, ...);
-/* Bytes the format describes; *fields (if given) gets the number of fields. */
+/* Bytes the format describes; *fields (if given) gets the number of fields.
+ * A format whose total would pass 32 bits is refused whole by all three operations:
+ * size 0 and 0 fields here, nothing written by Pack, nothing read or printed by UNPack (0). */
 uint32_t DTBuffer_GetPackSize(const char *fmt, uint32_t *fields);
 /* Extract mode: one pointer per field (S/s need count + 1 bytes); a null
  * source walks nothing and returns 0. A leading "*" selects dump mode, which

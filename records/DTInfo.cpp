@@ -1,8 +1,16 @@
 #include "records/DTInfo.h"
 
+#include <stddef.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+
+#if defined(__has_include)
+#if __has_include(<sys/single_threaded.h>)
+#include <sys/single_threaded.h>
+#define DTINFO_SINGLE_THREAD_KNOWN 1
+#endif
+#endif
 
 #include "foundation/DTMem.h"
 #include "foundation/DTPrint.h"
@@ -23,6 +31,39 @@ const uint8_t kFreeMark = 0xFF;
 
 // Answers of one room-making step.
 enum { kRoomFailed = 0, kRoomMade = 1, kRoomProgress = 2 };
+
+// The write path's small steps run once or twice per record; left to the
+// compiler's -O2 judgement they become calls that cost more than their bodies.
+#define DTINFO_INLINE inline __attribute__((always_inline))
+
+// Records are mostly a few bytes long, where a library call costs more than
+// the copy; fixed-size overlapping moves cover 1..16 bytes without one.
+DTINFO_INLINE void copyBytes_(uint8_t *dst, const void *from, uint32_t n) {
+    const uint8_t *src = (const uint8_t *)from;
+    if (n > 16) {
+        memcpy(dst, src, n);
+    } else if (n >= 8) {
+        memcpy(dst, src, 8);
+        memcpy(dst + n - 8, src + n - 8, 8);
+    } else if (n >= 4) {
+        memcpy(dst, src, 4);
+        memcpy(dst + n - 4, src + n - 4, 4);
+    } else if (n >= 2) {
+        memcpy(dst, src, 2);
+        memcpy(dst + n - 2, src + n - 2, 2);
+    } else if (n == 1) {
+        dst[0] = src[0];
+    }
+}
+
+DTINFO_INLINE void fillFree_(uint8_t *dst, uint32_t n) {
+    static const uint8_t kMarks[16] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF,
+                                       0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
+    if (n > 16)
+        memset(dst, 0xFF, n);
+    else
+        copyBytes_(dst, kMarks, n);
+}
 
 uint32_t roundUp_(uint32_t v) { return (v + kGrain - 1) / kGrain * kGrain; }
 
@@ -95,8 +136,75 @@ int ringStep_(DTInfo *info, uint32_t n) {
     return n <= info->freesize ? kRoomMade : kRoomProgress;
 }
 
+// The "size %d" report goes out on every write that has to make room, which in
+// the ring phase is nearly every write; it is formatted by hand rather than
+// through printf's parser: same bytes, same stream.
+// Writes "size " and the decimal digits of n (at most 15 bytes, no NUL).
+DTINFO_INLINE uint32_t formatSize_(char *dst, uint32_t n) {
+    memcpy(dst, "size ", 5);
+    uint32_t len = 5;
+    if (n < 100) {
+        // Most records are short: two digits without a loop.
+        if (n >= 10) dst[len++] = (char)('0' + n / 10u);
+        dst[len++] = (char)('0' + n % 10u);
+        return len;
+    }
+    char digits[10];
+    uint32_t d = 0;
+    do {
+        digits[d++] = (char)('0' + n % 10u);
+        n /= 10u;
+    } while (n != 0);
+    while (d > 0) dst[len++] = digits[--d];
+    return len;
+}
+
+DTINFO_INLINE void printSize_(uint32_t n) {
+    FILE *out = stdout;
+    char local[16];
+    char *dst = local;
+    bool single = false;
+#if DTINFO_SINGLE_THREAD_KNOWN
+    // Until the process starts a second thread nobody can race us for the
+    // stream, and its lock is pure cost; afterwards fwrite takes it as printf did.
+    single = __libc_single_threaded != 0;
+#if defined(__GLIBC__)
+    // putc_unlocked's own fast path, for the whole text at once: a fully
+    // buffered stream with room takes the characters straight into its
+    // buffer (a line-buffered or unbuffered one never shows room there).
+    if (single && out->_IO_write_end - out->_IO_write_ptr >= (ptrdiff_t)sizeof local) dst = out->_IO_write_ptr;
+#endif
+#endif
+    uint32_t len = formatSize_(dst, n);
+    if (dst != local) {
+        out->_IO_write_ptr += len;
+    } else if (single) {
+        for (uint32_t i = 0; i < len; ++i) putc_unlocked(local[i], out);
+    } else {
+        fwrite(local, 1, len, out);
+    }
+}
+
+// Frames one record in place: key length, key, 16-bit big-endian data
+// length, then the data in up to two pieces. The same bytes as packing
+// "B%dsH%ds" (or "B%dsH%ds%ds"), without building and parsing the format.
+DTINFO_INLINE void putRecord_(uint8_t *at, const void *key, uint8_t keyLen, const void *part1, uint16_t len1,
+                const void *part2, uint16_t len2) {
+    uint32_t dataLen = (uint32_t)len1 + len2;
+    at[0] = keyLen;
+    copyBytes_(at + 1, key, keyLen);
+    at += 1u + keyLen;
+    at[0] = (uint8_t)(dataLen >> 8);
+    at[1] = (uint8_t)dataLen;
+    copyBytes_(at + 2, part1, len1);
+    copyBytes_(at + 2 + len1, part2, len2);
+}
+
+// The general path is not the hot one: one copy of the report code for it.
+__attribute__((noinline)) void printSizeSlow_(uint32_t n) { printSize_(n); }
+
 int freeSize_(DTInfo *info, uint32_t n) {
-    printf("size %d", (int)n);
+    printSizeSlow_(n);
     uint32_t limit = info->maxsize;
     if (n <= info->freesize) return kRoomMade;
     if (limit != 0 && n > limit) return kRoomFailed;
@@ -104,10 +212,31 @@ int freeSize_(DTInfo *info, uint32_t n) {
     return ringStep_(info, n);
 }
 
+// The steady state of a full ring, taken without the general loop: the oldest
+// record sits past the write position, and erasing it alone makes room. Any
+// other case (growth, a wrap, a damaged area, several erasures) is declined
+// before anything is printed or changed, and the general path does exactly
+// what it always did.
+DTINFO_INLINE bool eraseOneFast_(DTInfo *info, uint32_t n) {
+    const uint32_t cap = cap_(info), limit = info->maxsize, r = info->useAddr;
+    if (limit == 0 || cap < limit || n > limit || info->freeAddr > r || r >= cap) return false;
+    uint8_t *a = area_(info);
+    uint32_t h = a[r];
+    if (h == kFreeMark || (uint64_t)r + 3 + h > cap) return false;
+    uint32_t size = 3 + h + readLen16_(a + r + 1 + h);
+    uint64_t next = (uint64_t)r + size;
+    if (next >= cap || a[next] == kFreeMark || n > (uint64_t)info->freesize + size) return false;
+    printSize_(n);
+    fillFree_(a + r, size);
+    info->useAddr = (uint32_t)next;
+    info->freesize += size;
+    return true;
+}
+
 // Every step erases a record of at least 3 bytes, wraps, or grows; the bound only
 // stops a damaged area from looping for ever.
 bool makeRoom_(DTInfo *info, uint32_t n) {
-    if (n <= info->freesize) return true;
+    if (n <= info->freesize || eraseOneFast_(info, n)) return true;
     uint32_t guard = cap_(info) + 16;
     while (guard-- > 0) {
         int r = freeSize_(info, n);
@@ -203,9 +332,7 @@ int32_t DTInfo_Append(DTInfo *info, const void *key, uint8_t keyLen, const void 
     if ((key == nullptr && keyLen != 0) || (data == nullptr && dataLen != 0)) return -1;
     uint32_t n = 3u + keyLen + dataLen;
     if (!makeRoom_(info, n)) return -1;
-    char fmt[50];
-    Lumo_snprintf(fmt, sizeof(fmt), "B%dsH%ds", (int)keyLen, (int)dataLen);
-    DTBuffer_Pack(area_(info) + info->freeAddr, fmt, (int)keyLen, key, (int)dataLen, data);
+    putRecord_(area_(info) + info->freeAddr, key, keyLen, data, dataLen, nullptr, 0);
     advance_(info, n);
     return (int32_t)n;
 }
@@ -228,10 +355,7 @@ int32_t DTInfo_Append2Message(DTInfo *info, const void *key, uint8_t keyLen, con
     if (dataLen > 0xFFFFu) return 0;
     uint32_t n = 3u + keyLen + dataLen;
     if (!makeRoom_(info, n)) return 0;
-    char fmt[50];
-    Lumo_snprintf(fmt, sizeof(fmt), "B%dsH%ds%ds", (int)keyLen, (int)len1, (int)len2);
-    DTBuffer_Pack(area_(info) + info->freeAddr, fmt, (int)keyLen, key, (int)dataLen, part1,
-                  part2);
+    putRecord_(area_(info) + info->freeAddr, key, keyLen, part1, len1, part2, len2);
     advance_(info, n);
     return 1;
 }

@@ -45,14 +45,36 @@ void echoWrite_(uint32_t flags, int32_t level, const char *text) {
     if (level == 0) echo_(text, false);
 }
 
+// A stamp changes once a second, so each writer keeps the last one it
+// formatted and reuses it within the same second. Per thread: loggers on
+// different threads must not share a half-written stamp.
+struct Stamp_ {
+    int32_t second;
+    uint32_t len;
+    char text[32];
+};
+
+thread_local Stamp_ tl_writeStamp = {0, 0, {0}};
+thread_local Stamp_ tl_appendStamp = {0, 0, {0}};
+
+const Stamp_ &stampNow_(Stamp_ &stamp, const char *pattern) {
+    int32_t now = DTTime_Now();
+    // 0 is never a cached second: it means "now" to the formatter.
+    if (now == 0 || now != stamp.second) {
+        DTTime_Format(stamp.text, pattern, now);
+        stamp.len = (uint32_t)strlen(stamp.text);
+        stamp.second = now;
+    }
+    return stamp;
+}
+
 // Both writers store the stamp first, then the text, under the level's key.
-int32_t store_(DTLogger *logger, int32_t level, const char *pattern, const char *text) {
+int32_t store_(DTLogger *logger, int32_t level, Stamp_ &cache, const char *pattern, const char *text) {
     if (logger->store == nullptr) logger->store = DTInfo_New(logger->infoSize);
-    char stamp[64];
-    DTTime_Format(stamp, pattern, 0);
+    const Stamp_ &stamp = stampNow_(cache, pattern);
     const char *key = keyOf_(level);
-    int32_t sum = DTInfo_Write(logger->store, key, stamp);
-    return sum + DTInfo_Write(logger->store, key, text);
+    int32_t sum = DTInfo_Append(logger->store, key, 1, stamp.text, (uint16_t)stamp.len);
+    return sum + DTInfo_Append(logger->store, key, 1, text, (uint16_t)strlen(text));
 }
 
 }  // namespace
@@ -82,7 +104,7 @@ int32_t DTLogger_Write(DTLogger *logger, int32_t level, const char *text) {
     if (level >= 0 && level <= 3 && (flags & (1u << level)) == 0) return -1;
     echoWrite_(flags, level, text);
     if ((flags & DTLOGGER_STORE) == 0) return -1;
-    return store_(logger, level, "YYYY/MM/DD HH:MI:SS", text);
+    return store_(logger, level, tl_writeStamp, "YYYY/MM/DD HH:MI:SS", text);
 }
 
 void DTLogger_Append(DTLogger *logger, int32_t level, uint32_t unused, const char *text) {
@@ -90,7 +112,7 @@ void DTLogger_Append(DTLogger *logger, int32_t level, uint32_t unused, const cha
     if (logger == nullptr || logger->ignore != 0) return;
     if (text == nullptr) text = "";
     if (text[0] != '\0' && level == 0) echo_(text, true);
-    store_(logger, level, "MM/DD HH:MI:SS ", text);
+    store_(logger, level, tl_appendStamp, "MM/DD HH:MI:SS ", text);
 }
 
 void DTLogger_ShowToBuf(DTLogger *logger, DTBuf *out) {

@@ -30,7 +30,8 @@ void DTLogger_Release(DTLogger *logger);
  * the two DTInfo_Write results (stamp "YYYY/MM/DD HH:MI:SS", then text). Null text = "". */
 int32_t DTLogger_Write(DTLogger *logger, int32_t level, const char *text);
 /* Always stores (stamp "MM/DD HH:MI:SS "); level 0 text is echoed with a line break.
- * `unused` is not read. Null text = "". */
+ * `unused` is not read. Null text = "". Both writers format their stamp once per second
+ * per thread and reuse it: a time-zone change shows from the next second on. */
 void DTLogger_Append(DTLogger *logger, int32_t level, uint32_t unused, const char *text);
 /* Shows every record's data, one line each, into `out` or, when out is 0..100, to the
  * console; Kybe_Delay(1000), in the platform's units, after the 1st, 101st... record. Empty

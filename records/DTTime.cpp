@@ -5,27 +5,15 @@
 #include <time.h>
 #include <unistd.h>
 
-#include "foundation/DTString.h"
 
 namespace {
 
 enum Field_ { kYear, kYear2, kMonth, kDay, kHour, kMinute, kSecond };
 
 struct Token_ {
-    const char *text;
     uint32_t len;
     Field_ field;
-    const char *format;
-};
-
-// Order matters: "YYYY" must win over "YY", and each upper-case token is
-// tried before its unpadded lower-case twin.
-const Token_ kTokens_[] = {
-    {"YYYY", 4, kYear, "%04d"},  {"YY", 2, kYear2, "%02d"}, {"yy", 2, kYear2, "%d"},
-    {"MM", 2, kMonth, "%02d"},   {"mm", 2, kMonth, "%d"},   {"DD", 2, kDay, "%02d"},
-    {"dd", 2, kDay, "%d"},       {"HH", 2, kHour, "%02d"},  {"hh", 2, kHour, "%d"},
-    {"MI", 2, kMinute, "%02d"},  {"mi", 2, kMinute, "%d"},  {"SS", 2, kSecond, "%02d"},
-    {"ss", 2, kSecond, "%d"},
+    uint32_t width;  // zero-padded to this many digits; 0 = unpadded
 };
 
 int FieldValue_(const struct tm &tm, Field_ f) {
@@ -41,13 +29,52 @@ int FieldValue_(const struct tm &tm, Field_ f) {
     return 0;
 }
 
-const Token_ *MatchToken_(const char *at) {
-    for (const Token_ &tok : kTokens_) {
-        // strncmp stops at the pattern's NUL, so a token cut short by the
-        // end of the pattern never matches.
-        if (strncmp(at, tok.text, tok.len) == 0) return &tok;
+bool Take_(bool match, Token_ *tok, uint32_t len, Field_ field, uint32_t width) {
+    if (match) *tok = {len, field, width};
+    return match;
+}
+
+// Decided on the first two characters instead of comparing every token in
+// turn: a stamp is formatted on every logged line. The precedence is the
+// token table's ("YYYY" before "YY", upper case before lower), and a second
+// character of NUL never matches, so no token reaches past the pattern's end.
+bool MatchToken_(const char *at, Token_ *tok) {
+    const char a = at[0], b = at[1];
+    const uint32_t width = a >= 'A' && a <= 'Z' ? 2 : 0;
+    switch (a) {
+        case 'Y':
+            if (b == 'Y' && at[2] == 'Y' && at[3] == 'Y') return Take_(true, tok, 4, kYear, 4);
+            return Take_(b == 'Y', tok, 2, kYear2, 2);
+        case 'y': return Take_(b == 'y', tok, 2, kYear2, 0);
+        case 'M':
+            if (b == 'M') return Take_(true, tok, 2, kMonth, 2);
+            return Take_(b == 'I', tok, 2, kMinute, 2);
+        case 'm':
+            if (b == 'm') return Take_(true, tok, 2, kMonth, 0);
+            return Take_(b == 'i', tok, 2, kMinute, 0);
+        case 'D': case 'd': return Take_(b == a, tok, 2, kDay, width);
+        case 'H': case 'h': return Take_(b == a, tok, 2, kHour, width);
+        case 'S': case 's': return Take_(b == a, tok, 2, kSecond, width);
+        default: return false;
     }
-    return nullptr;
+}
+
+// The same characters as "%0<width>d" (or "%d" for width 0), NUL behind;
+// returns the number of characters before the NUL.
+uint32_t PutNumber_(char *out, int value, uint32_t width) {
+    char digits[12];
+    uint32_t n = 0;
+    uint32_t mag = value < 0 ? 0u - static_cast<uint32_t>(value) : static_cast<uint32_t>(value);
+    do {
+        digits[n++] = static_cast<char>('0' + mag % 10u);
+        mag /= 10u;
+    } while (mag != 0);
+    uint32_t len = 0;
+    if (value < 0) out[len++] = '-';
+    for (uint32_t used = len + n; used < width; ++used) out[len++] = '0';
+    while (n > 0) out[len++] = digits[--n];
+    out[len] = '\0';
+    return len;
 }
 
 }  // namespace
@@ -87,12 +114,11 @@ char *DTTime_Format(char *buf, const char *pattern, int32_t t) {
     if (local) tm = *local;
 
     uint32_t in = 0, out = 0;
+    Token_ tok;
     while (pattern[in] != '\0') {
-        const Token_ *tok = MatchToken_(pattern + in);
-        if (tok) {
-            DTString_Format(buf + out, tok->format, FieldValue_(tm, tok->field));
-            in += tok->len;
-            out += static_cast<uint32_t>(strlen(buf + out));
+        if (MatchToken_(pattern + in, &tok)) {
+            out += PutNumber_(buf + out, FieldValue_(tm, tok.field), tok.width);
+            in += tok.len;
         } else {
             buf[out++] = pattern[in++];
             buf[out] = '\0';

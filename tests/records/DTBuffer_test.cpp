@@ -95,3 +95,50 @@ TEST(DTBuffer, DumpLongFieldsWhole) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(DTBuffer, HugeCountsAndTotals) {
+    struct { const char *fmt; uint32_t size, fields; } cases[] = {
+        {"2147483647S", 2147483647u, 1},        {"2147483648S", 0, 1},
+        {"4294967297s", 0, 1},                  {"9999999999S", 0, 1},
+        {"99999999999999999999999999992s", 0, 1}, {"2147483647S2147483647S1S", 0xFFFFFFFFu, 3},
+        {"2147483647S2147483647S2S", 0, 0},     {"2147483647S2147483647SB", 0xFFFFFFFFu, 3},
+        {"2147483647S2147483647SH", 0, 0},
+    };
+    for (auto &c : cases) {
+        uint32_t fields = 77;
+        EXPECT_EQ(c.size, DTBuffer_GetPackSize(c.fmt, &fields)) << c.fmt;
+        EXPECT_EQ(c.fields, fields) << c.fmt;
+    }
+}
+
+TEST(DTBuffer, FormatPastFourGigabytesIsRefusedWhole) {
+    const char *fmt = "B2147483647S2147483647S2S";
+    uint8_t buf[4];
+    memset(buf, 0xEE, sizeof buf);
+    EXPECT_EQ(0u, DTBuffer_Pack(buf, fmt, 1, "a", "b", "cd"));
+    EXPECT_EQ((Bytes{0xEE, 0xEE, 0xEE, 0xEE}), Bytes(buf, buf + 4));
+
+    uint8_t b = 0x55;
+    EXPECT_EQ(0, DTBuffer_UNPack(fmt, buf, &b, nullptr, nullptr, nullptr));
+    EXPECT_EQ(0x55, b);
+
+    dttest::ClearConsole();
+    EXPECT_EQ(0, DTBuffer_UNPack("*2147483647S2147483647S2S", buf));
+    EXPECT_EQ(Lines{}, dttest::Console());
+}
+
+TEST(DTBuffer, HugeCountIsAnEmptyFieldInEveryOperation) {
+    uint8_t buf[4];
+    memset(buf, 0xEE, sizeof buf);
+    EXPECT_EQ(2u, DTBuffer_Pack(buf, "B4294967297sB", 1, "xyz", 2));
+    EXPECT_EQ((Bytes{1, 2, 0xEE}), Bytes(buf, buf + 3));
+    uint8_t a = 0, z = 0;
+    char s[2] = "?";
+    EXPECT_EQ(3, DTBuffer_UNPack("B4294967297sB", buf, &a, s, &z));
+    EXPECT_STREQ("", s);
+    EXPECT_EQ(2, z);
+}
+
+}  // namespace
