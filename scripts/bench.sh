@@ -36,17 +36,8 @@ command -v python3 >/dev/null || need+=(python3)
 if [ "$size" != 0 ]; then
   command -v powerpc-linux-gnu-g++ >/dev/null || need+=(g++-powerpc-linux-gnu)
 fi
-if [ ${#need[@]} -gt 0 ]; then
-  if [ "$(id -u)" != 0 ]; then
-    echo "bench.sh: missing packages; install them as root first:" >&2
-    echo "  apt-get install --no-install-recommends ${need[*]}" >&2
-    exit 3
-  fi
-  echo "== installing: ${need[*]}"
-  export DEBIAN_FRONTEND=noninteractive
-  apt-get update -qq
-  apt-get install -y -qq --no-install-recommends "${need[@]}" >/dev/null
-fi
+. "$root/scripts/packages.sh"
+install_missing bench.sh ${need[@]+"${need[@]}"}
 
 echo "== building the benchmarks (Release)"
 cmake -S "$root" -B "$out/bench" -G Ninja -DCMAKE_BUILD_TYPE=Release \

@@ -42,17 +42,8 @@ if wants ppc; then
   command -v powerpc-linux-gnu-g++ >/dev/null || need+=(g++-powerpc-linux-gnu)
   command -v qemu-ppc >/dev/null || need+=(qemu-user)
 fi
-if [ ${#need[@]} -gt 0 ]; then
-  if [ "$(id -u)" != 0 ]; then
-    echo "test.sh: missing packages; install them as root first:" >&2
-    echo "  apt-get install --no-install-recommends ${need[*]}" >&2
-    exit 3
-  fi
-  echo "== installing: ${need[*]}"
-  export DEBIAN_FRONTEND=noninteractive
-  apt-get update -qq
-  apt-get install -y -qq --no-install-recommends "${need[@]}" >/dev/null
-fi
+. "$root/scripts/packages.sh"
+install_missing test.sh ${need[@]+"${need[@]}"}
 
 # The fault file a leg's library writes, its tests check, and the demo decodes.
 fault_file() {
