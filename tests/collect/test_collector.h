@@ -3,14 +3,11 @@
 #pragma once
 
 #include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdint>
-#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
@@ -23,18 +20,17 @@ namespace ct {
 
 using Bytes = std::vector<uint8_t>;
 
+// What one registered section holds under owner 100 (the block header included).
+const uint32_t kSectionBytes = sizeof(CollectSection) + 4;
+
 inline uint32_t Be32(const uint8_t *p) {
     return (uint32_t(p[0]) << 24) | (uint32_t(p[1]) << 16) | (uint32_t(p[2]) << 8) | p[3];
 }
-inline void PutBe32(Bytes &b, uint32_t v) {
-    for (int s = 24; s >= 0; s -= 8) b.push_back(uint8_t(v >> s));
-}
 inline Bytes Request(uint32_t length, uint32_t type, uint32_t seq, uint32_t port) {
     Bytes b;
-    PutBe32(b, length);
-    PutBe32(b, type);
-    PutBe32(b, seq);
-    PutBe32(b, port);
+    for (uint32_t v : {length, type, seq, port}) {
+        for (int s = 24; s >= 0; s -= 8) b.push_back(uint8_t(v >> s));
+    }
     return b;
 }
 inline void SendDatagram(const Bytes &b) {
@@ -47,143 +43,101 @@ inline void SendDatagram(const Bytes &b) {
     close(s);
 }
 
-enum class Ack { Normal, Empty, Never };
-
 struct Msg {
     uint32_t length, type, sequence;
     Bytes payload;
 };
 
+// For int and long records, data holds the value's bytes.
 struct Record {
     uint8_t kind;
     uint32_t section, block, code;
-    uint64_t number;  // int and long
-    Bytes data;       // string and buffer pieces
+    Bytes data;
 };
+
+inline std::string Text(const Bytes &b) { return std::string(b.begin(), b.end()); }
 
 // Every record of the data messages, in stream order. Stops at a record that
 // runs past its message (the test then sees fewer records than it expects).
 inline std::vector<Record> Records(const std::vector<Msg> &msgs) {
     std::vector<Record> out;
     for (const Msg &m : msgs) {
-        if (m.type != COLLECT_MSG_DATA) continue;
         const Bytes &p = m.payload;
-        size_t i = 0;
-        while (i + 13 <= p.size()) {
-            Record r{p[i], Be32(&p[i + 1]), Be32(&p[i + 5]), Be32(&p[i + 9]), 0, {}};
-            uint8_t k = r.kind & 0x7F;
-            size_t size = k == 1 ? 17 : k == 2 ? 21 : 15;
-            if (i + size > p.size()) return out;
-            if (k == 1) r.number = Be32(&p[i + 13]);
-            if (k == 2) r.number = (uint64_t(Be32(&p[i + 13])) << 32) | Be32(&p[i + 17]);
-            if (k == 3 || k == 4) {
-                size += (p[i + 13] << 8) | p[i + 14];
-                if (i + size > p.size()) return out;
-                r.data.assign(p.begin() + i + 15, p.begin() + i + size);
-            }
-            out.push_back(r);
-            i += size;
+        for (size_t i = 0; m.type == COLLECT_MSG_DATA && i + 15 <= p.size();) {
+            const uint8_t k = p[i] & 0x7F;
+            const size_t at = i + (k <= 2 ? 13 : 15);
+            const size_t n = k == 1 ? 4 : k == 2 ? 8 : size_t(p[i + 13] << 8 | p[i + 14]);
+            if (at + n > p.size()) return out;
+            Bytes data(p.begin() + at, p.begin() + at + n);
+            out.push_back({p[i], Be32(&p[i + 1]), Be32(&p[i + 5]), Be32(&p[i + 9]), data});
+            i = at + n;
         }
     }
     return out;
 }
 
-inline std::string Text(const Bytes &b) { return std::string(b.begin(), b.end()); }
+// Empty: the write side is shut at once, so every acknowledgement reads as 0
+// bytes. Never: messages are read but never answered.
+enum class Ack { Normal, Empty, Never };
 
-// Listens on 127.0.0.1 (ephemeral port); Serve() runs the collector on a thread.
-class Collector {
-public:
-    Collector() {
-        lsock_ = socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        bind(lsock_, reinterpret_cast<sockaddr *>(&a), sizeof a);
-        listen(lsock_, 4);
-        socklen_t len = sizeof a;
-        getsockname(lsock_, reinterpret_cast<sockaddr *>(&a), &len);
-        port_ = ntohs(a.sin_port);
-    }
-    ~Collector() {
-        if (thread_.joinable()) thread_.join();
-        close(lsock_);
-    }
-    uint16_t Port() const { return port_; }
+// A TCP listener on 127.0.0.1, at a port of the system's choosing; returns the port.
+inline uint16_t Listen(int *lsock) {
+    *lsock = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof a;
+    bind(*lsock, reinterpret_cast<sockaddr *>(&a), len);
+    listen(*lsock, 1);
+    getsockname(*lsock, reinterpret_cast<sockaddr *>(&a), &len);
+    return ntohs(a.sin_port);
+}
 
-    // closeAfter k: close as soon as the k-th message has arrived, unacknowledged (0 = never).
-    // Ack::Empty shuts the write side at once, so every acknowledgement reads as 0 bytes;
-    // Ack::Never reads everything and never answers.
-    // acceptMs: how long to wait for the agent's connection.
-    void Serve(int closeAfter = 0, Ack ack = Ack::Normal, int acceptMs = 10000) {
-        acceptMs_ = acceptMs;
-        thread_ = std::thread([this, closeAfter, ack] { Run(closeAfter, ack); });
+// Plays the collector on a listener: takes one connection and reads every message
+// until the other end closes, acknowledging each as `ack` says; closeAfter k closes
+// as soon as the k-th message is in, unacknowledged. Each wait lasts at most waitMs.
+inline std::vector<Msg> Read(int lsock, int closeAfter = 0, Ack ack = Ack::Normal,
+                             int waitMs = 10000) {
+    timeval tv{waitMs / 1000, waitMs % 1000 * 1000};
+    setsockopt(lsock, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+    const int fd = accept(lsock, nullptr, nullptr);  // inherits the time-out
+    close(lsock);
+    if (ack == Ack::Empty) shutdown(fd, SHUT_WR);
+    std::vector<Msg> msgs;
+    const uint8_t zeros[16] = {};
+    uint8_t h[12];
+    while (recv(fd, h, sizeof h, MSG_WAITALL) == ssize_t(sizeof h)) {
+        Msg m{Be32(h), Be32(h + 4), Be32(h + 8), {}};
+        if (m.length < 12 || m.length > 1036) break;
+        m.payload.resize(m.length - 12);
+        const ssize_t n = ssize_t(m.payload.size());  // a receive of 0 bytes would wait
+        if (n > 0 && recv(fd, m.payload.data(), m.payload.size(), MSG_WAITALL) != n) break;
+        msgs.push_back(m);
+        if (int(msgs.size()) == closeAfter) break;
+        if (ack == Ack::Normal) send(fd, zeros, sizeof zeros, MSG_NOSIGNAL);
     }
-    // Serve, then send the request for it from 127.0.0.1 to the agent.
-    void Request(uint32_t type, uint32_t seq, int closeAfter = 0, Ack ack = Ack::Normal) {
-        Serve(closeAfter, ack);
-        SendDatagram(ct::Request(16, type, seq, port_));
-    }
-    // Joins the collector; every message received, in order.
-    const std::vector<Msg> &Wait() {
-        if (thread_.joinable()) thread_.join();
-        return msgs_;
-    }
-    bool Connected() const { return connected_; }
+    close(fd);
+    return msgs;
+}
 
-private:
-    bool ReadFull(int fd, uint8_t *p, size_t n) {
-        while (n > 0) {
-            pollfd pf{fd, POLLIN, 0};
-            if (poll(&pf, 1, 10000) != 1) return false;
-            ssize_t r = recv(fd, p, n, 0);
-            if (r <= 0) return false;
-            p += r;
-            n -= size_t(r);
-        }
-        return true;
-    }
-    void Run(int closeAfter, Ack ack) {
-        pollfd pf{lsock_, POLLIN, 0};
-        if (poll(&pf, 1, acceptMs_) != 1) return;
-        int fd = accept(lsock_, nullptr, nullptr);
-        connected_ = true;
-        if (ack == Ack::Empty) shutdown(fd, SHUT_WR);
-        for (;;) {
-            uint8_t h[12];
-            pollfd pf2{fd, POLLIN, 0};
-            if (poll(&pf2, 1, 10000) != 1) break;
-            ssize_t r = recv(fd, h, 1, MSG_PEEK);
-            if (r == 0) break;
-            if (!ReadFull(fd, h, 12)) break;
-            Msg m{Be32(h), Be32(h + 4), Be32(h + 8), {}};
-            if (m.length < 12 || m.length > 1036) break;
-            m.payload.resize(m.length - 12);
-            if (!ReadFull(fd, m.payload.data(), m.payload.size())) break;
-            msgs_.push_back(m);
-            if (closeAfter != 0 && int(msgs_.size()) == closeAfter) break;
-            uint8_t zeros[16] = {};
-            if (ack == Ack::Normal) send(fd, zeros, sizeof zeros, MSG_NOSIGNAL);
-        }
-        close(fd);
-    }
+// Asks the agent for a collection of this type and plays the collector for it.
+inline std::vector<Msg> Collect(uint32_t type, uint32_t seq = 0, int closeAfter = 0,
+                                Ack ack = Ack::Normal, int waitMs = 10000) {
+    int lsock = -1;
+    SendDatagram(Request(16, type, seq, Listen(&lsock)));
+    return Read(lsock, closeAfter, ack, waitMs);
+}
 
-    int acceptMs_ = 10000;
-    int lsock_ = -1;
-    uint16_t port_ = 0;
-    std::thread thread_;
-    std::vector<Msg> msgs_;
-    bool connected_ = false;
-};
-
-// The agent on a thread of its own, for good: Collect_Init never returns, so the
-// thread is detached and ends with the test process.
-inline void StartAgent(uint32_t identity) {
+// The agent on a thread of its own, for good: Collect_Init never returns. Its
+// log appears once the request socket is bound, so requests sent after that queue.
+// False when it never gets that far (another process holds the port).
+inline bool StartAgent(uint32_t identity) {
     std::thread([identity] { Collect_Init(identity); }).detach();
     for (int i = 0; i < 500; i++) {
-        if (*static_cast<DTLogger *volatile *>(&g_collect_param.logger) != nullptr) break;
+        if (*static_cast<DTLogger *volatile *>(&g_collect_param.logger) != nullptr) return true;
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    return false;
 }
 
 // The agent's log as text, one line a record (stamps included).
@@ -191,25 +145,22 @@ inline std::string AgentLog() {
     DTBuf *buf = DTBuf_New(1, 1024, 0);
     DTLogger_ShowToBuf(g_collect_param.logger, buf);
     void *p = nullptr;
-    uint32_t n = DTBuf_Length(buf);
     DTBuf_Get(buf, 0, &p);
-    std::string text = p ? std::string(static_cast<char *>(p), n) : std::string();
+    std::string text = p ? std::string(static_cast<char *>(p), DTBuf_Length(buf)) : "";
     DTBuf_Release(buf);
     return text;
 }
 
-inline uint32_t Owner100Bytes() {
+// Owner 100's bytes once they reach `expected`, or after two seconds: the agent
+// frees its send buffer only just after closing the connection.
+inline uint32_t Owner100(uint32_t expected) {
     DTMemOwnerStats s{};
-    DTMem_GetOwnerStats(COLLECT_OWNER, &s);
-    return s.bytes;
-}
-// Owner 100's bytes once the agent has let go of the send buffer (it frees it
-// just after closing, so give it a moment).
-inline uint32_t SettledOwner100(uint32_t expected) {
-    for (int i = 0; i < 200 && Owner100Bytes() != expected; i++) {
+    for (int i = 0; i < 200; i++) {
+        DTMem_GetOwnerStats(COLLECT_OWNER, &s);
+        if (s.bytes == expected) break;
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
-    return Owner100Bytes();
+    return s.bytes;
 }
 
 }  // namespace ct
