@@ -83,19 +83,16 @@ void StartAgentOnce() {
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
 }
 
-void BM_Collect10MB_dtkit(benchmark::State &state) {
-    StartAgentOnce();
+// The collector's side, the same for both devices: request a collection from
+// the device's request socket, take its connection and drain it.
+void CollectFrom(benchmark::State &state, const sockaddr_in &device) {
     uint16_t port = 0;
     int lsock = Listener(&port);
     int usock = socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in agent{};
-    agent.sin_family = AF_INET;
-    agent.sin_port = htons(COLLECT_REQUEST_PORT);
-    agent.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     const uint8_t req[16] = {0, 0, 0, 16, 0, 0, 0, 2, 0, 0, 0, 0, 0, 0,
                              uint8_t(port >> 8), uint8_t(port)};
     for (auto _ : state) {
-        sendto(usock, req, sizeof req, 0, reinterpret_cast<sockaddr *>(&agent), sizeof agent);
+        sendto(usock, req, sizeof req, 0, reinterpret_cast<const sockaddr *>(&device), sizeof device);
         int fd = accept(lsock, nullptr, nullptr);
         benchmark::DoNotOptimize(Drain(fd));
         close(fd);
@@ -103,6 +100,15 @@ void BM_Collect10MB_dtkit(benchmark::State &state) {
     state.SetBytesProcessed(int64_t(state.iterations()) * kBytes);
     close(usock);
     close(lsock);
+}
+
+void BM_Collect10MB_dtkit(benchmark::State &state) {
+    StartAgentOnce();
+    sockaddr_in agent{};
+    agent.sin_family = AF_INET;
+    agent.sin_port = htons(COLLECT_REQUEST_PORT);
+    agent.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    CollectFrom(state, agent);
 }
 
 // The bare loop lives as the agent does: a thread of its own that waits for a
@@ -139,20 +145,7 @@ void BM_Collect10MB_peer(benchmark::State &state) {
         getsockname(usock, reinterpret_cast<sockaddr *>(&peer), &len);
         std::thread(PeerLoop, usock).detach();
     }
-    uint16_t port = 0;
-    int lsock = Listener(&port);
-    int rsock = socket(AF_INET, SOCK_DGRAM, 0);
-    const uint8_t req[16] = {0, 0, 0, 16, 0, 0, 0, 2, 0, 0, 0, 0, 0, 0,
-                             uint8_t(port >> 8), uint8_t(port)};
-    for (auto _ : state) {
-        sendto(rsock, req, sizeof req, 0, reinterpret_cast<sockaddr *>(&peer), sizeof peer);
-        int fd = accept(lsock, nullptr, nullptr);
-        benchmark::DoNotOptimize(Drain(fd));
-        close(fd);
-    }
-    state.SetBytesProcessed(int64_t(state.iterations()) * kBytes);
-    close(rsock);
-    close(lsock);
+    CollectFrom(state, peer);
 }
 
 BENCHMARK(BM_Collect10MB_dtkit)->Unit(benchmark::kMillisecond)->UseRealTime();
