@@ -9,6 +9,9 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+/* Kept out of the shared library's symbol table: only the library itself, the
+ * tests and the fuzz targets (both linked statically) call these. */
+#pragma GCC visibility push(hidden)
 
 /* One line in the agent's log: pattern holds a %s for the time, then one for the name. */
 void Collect_LogSection_(const char *pattern, const char *name);
@@ -20,6 +23,7 @@ int32_t Collect_Open_(const char *requester, uint32_t port, int32_t sequence, ui
 /* Logs "flush to server fail." and ends the connection; returns 0 for the caller's result. */
 int32_t Collect_Abandon_(void);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

@@ -10,6 +10,9 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+/* Kept out of the shared library's symbol table: only the library itself, the
+ * tests and the fuzz targets (both linked statically) call these. */
+#pragma GCC visibility push(hidden)
 
 /* Validates a request of which `received` bytes arrived (at most 16 read into req):
  * its sequence, or -1. On success *type and port4 (request bytes 12..15) are set. */
@@ -25,6 +28,7 @@ void CollectClient_SetAckTimeout_(uint32_t ms);
 /* Nonzero while a send buffer exists. */
 int32_t CollectClient_Active_(void);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

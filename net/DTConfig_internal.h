@@ -8,6 +8,9 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+/* Kept out of the shared library's symbol table: only the library itself, the
+ * tests and the fuzz targets (both linked statically) call these. */
+#pragma GCC visibility push(hidden)
 
 /* Size of the request and reply buffer; a reply takes at most one byte less. */
 #define DTCONFIG_BUFFER_SIZE 1000
@@ -19,6 +22,7 @@ int32_t DTConfig_IntFromReply_(int32_t result, const char *reply, int32_t defaul
 int32_t DTConfig_TextFromReply_(int32_t result, const char *reply, const char *defaultText,
                                 char *out);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

@@ -10,6 +10,9 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+/* Kept out of the shared library's symbol table: only the library itself, the
+ * tests and the fuzz targets (both linked statically) call these. */
+#pragma GCC visibility push(hidden)
 
 /* The millisecond clock: DTTime_GetUTime() / 1000. */
 uint32_t DTTimer_Clock_(void);
@@ -18,6 +21,7 @@ int32_t DTTimer_RegistAt_(DTTimerFn callback, uint32_t interval, uint32_t now);
 /* One pass of the loop at clock reading now, without the sleep. */
 void DTTimer_PassAt_(uint32_t now);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif
