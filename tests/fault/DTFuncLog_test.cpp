@@ -86,15 +86,4 @@ TEST(DTFuncLog, RecordsTheDecoderCannotTrustAreShownInHex) {
     DTFuncLog_Release(log);
 }
 
-TEST(DTFuncLog, NewReleasesEverythingWhenTheStoreCannotBeMade) {
-    int64_t before = dttest::LiveBlocks();
-    for (uint32_t k = 1; k <= 3; ++k) {
-        dttest::FailMallocAt(k);
-        DTFuncLog *log = DTFuncLog_New(kFuncs, 2, 1024);
-        dttest::FailMallocAt(0);
-        EXPECT_EQ(log, nullptr) << k;
-        EXPECT_EQ(dttest::LiveBlocks(), before) << k;
-    }
-}
-
 }  // namespace

@@ -69,20 +69,18 @@ TEST(DTPrint, UnusableBuffersAreRefused) {
     EXPECT_EQ(DTPrint_New(buf, -5), nullptr);
     EXPECT_EQ(DTPrint_New(nullptr, 10), nullptr);
     DTPrint *p = DTPrint_New(buf, 2);  // the smallest that can make progress
-    ASSERT_TRUE(p && buf[0] == '\0' && buf[1] == 'Z');
+    ASSERT_NE(p, nullptr);
+    EXPECT_EQ(buf[0], '\0');
+    EXPECT_EQ(buf[1], 'Z');
     DTPrint_PrintCh(p, 'a', 3);
     DTPrint_Print(p, "b", 2);
     DTPrint_Release(p);
     EXPECT_EQ(dttest::Console(), (Calls{"a", "a", "a", "b", "b"}));
-    DTPrint_PrintCh(nullptr, 'a', 1), DTPrint_Print(nullptr, "a", 1), DTPrint_Flush(nullptr);
-    DTPrint_SetPrint(nullptr, 1), DTPrint_Release(nullptr);
-    dttest::FailMallocAt(1);
-    EXPECT_EQ(DTPrint_New(buf, 4), nullptr);
-    dttest::FailMallocAt(1);  // the self object cannot be made: silence, then a retry
-    DTPrint_Show("lost\n", 0);
-    DTPrint_Puts("kept", 0);
-    EXPECT_EQ(dttest::Console().back(), "kept\n");
-    EXPECT_EQ(dttest::Console().size(), 6u);
+    DTPrint_PrintCh(nullptr, 'a', 1);
+    DTPrint_Print(nullptr, "a", 1);
+    DTPrint_Flush(nullptr);
+    DTPrint_SetPrint(nullptr, 1);
+    DTPrint_Release(nullptr);
 }
 
 }  // namespace

@@ -1,9 +1,11 @@
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <string>
 #include <vector>
 
 #include "dttest.h"
+#include "foundation/DTPrint.h"
 #include "records/DTInfo.h"
 
 static std::string Area(DTInfo *info, uint32_t n) { return std::string((char *)info->memory->data, n); }
@@ -18,12 +20,6 @@ TEST(DTInfo, NewFramingFlagsAndIgnore) {
     DTInfo *info = DTInfo_New(0xFFFFFFFF);  // no multiple of 1024 above: the last one below
     EXPECT_EQ(0xFFFFFC00u, info->maxsize);
     DTInfo_Release(info);
-    const int64_t live = dttest::LiveBlocks();
-    for (uint32_t k = 1; k <= 2; ++k) {  // the handle, then its area
-        dttest::FailMallocAt(k);
-        EXPECT_EQ(nullptr, DTInfo_New(0));
-        EXPECT_EQ(live, dttest::LiveBlocks());
-    }
     info = DTInfo_New(0);
     EXPECT_EQ(9, DTInfo_Write(info, "w", "hello"));
     EXPECT_EQ(std::string("\x01w\x00\x05hello\xFF", 10), Area(info, 10));
@@ -32,9 +28,12 @@ TEST(DTInfo, NewFramingFlagsAndIgnore) {
                                  {7, 9, 0x7F, 0xFF}, {0, 3, 0, 0}};
     for (auto &s : steps) {
         DTInfo_SetFlag(info, s[0], s[1]);
-        EXPECT_EQ(s[2] | s[3] << 8, info->flags[0] | info->flags[249] << 8) << s[0] << " " << s[1];
+        SCOPED_TRACE(std::to_string(s[0]) + " action " + std::to_string(s[1]));
+        EXPECT_EQ(s[2], info->flags[0]);
+        EXPECT_EQ(s[3], info->flags[249]);
     }
-    EXPECT_EQ(0, DTInfo_GetFlag(info, 1999) + DTInfo_GetFlag(nullptr, 1));
+    EXPECT_EQ(0, DTInfo_GetFlag(info, 1999));
+    EXPECT_EQ(0, DTInfo_GetFlag(nullptr, 1));
     EXPECT_EQ(1, DTInfo_GetFlag(info, 2000));
     DTInfo_Ignore(info, 1);
     EXPECT_EQ(0, DTInfo_Write(info, "w", "two"));
@@ -85,14 +84,79 @@ TEST(DTInfo, RefusedWritesLeaveStoreUnchanged) {
     EXPECT_EQ(-1, DTInfo_Write(info, "w", big.c_str()));  // larger than maxsize
     EXPECT_EQ(0, DTInfo_Append2Message(info, "w", 1, big.data(), 40000, big.data(), 30000));
     EXPECT_EQ(-1, DTInfo_Append(info, nullptr, 3, "x", 1));
+    EXPECT_EQ(-1, DTInfo_Append(nullptr, "w", 1, "x", 1));
+    EXPECT_EQ(0, DTInfo_Append2Message(info, big.data(), 255, "x", 1, "y", 1));  // the free-space mark
     for (uint32_t *field : {&info->freesize, &info->freeAddr}) {  // damaged header
         uint32_t keep = *field;
         *field = 1025;
         EXPECT_EQ(-1, DTInfo_Write(info, "w", "x"));
+        EXPECT_EQ(0, DTInfo_PackPre(info, "w", 1, 1));
+        EXPECT_EQ(0, DTInfo_Append2Message(info, "w", 1, "x", 1, "y", 1));
         *field = keep;
     }
     DTLogger_Dump(nullptr);
     EXPECT_EQ("size 1104", testing::internal::GetCapturedStdout());
     EXPECT_EQ(before, Area(info, 1024));
+    DTInfo_Release(info);
+}
+
+TEST(DTInfoPack, AddInfoLayoutFollowsFlag) {
+    struct Case { uint32_t id; bool flagOn; const char *format; uint32_t dataLen; } cases[] = {
+        {12, false, "*TBhI4S2S0S", 17}, {12, true, "*TBhI4S2S6S", 23},
+        {2500, false, "*TBhI4S2S6S", 23}};
+    for (const Case &c : cases) {
+        DTInfo *info = DTInfo_New(0);
+        DTInfo_SetFlag(info, c.id, c.flagOn ? 1 : 0);
+        DTInfo_AddInfo(info, 0x101, c.id, "ABCD", 4, "xy", 2, "detail", 6, 5);
+        EXPECT_EQ(3 + strlen(c.format) - 1 + c.dataLen, info->freeAddr);
+        uint32_t cursor = DTINFO_START;
+        char format[300];
+        void *data = nullptr;
+        ASSERT_EQ(1, DTInfo_GetPack(info, &cursor, format, &data));
+        EXPECT_STREQ(c.format, format);
+        std::string tail = std::string("\x01") + char(c.id >> 8) + char(c.id & 0xFF) +
+                           std::string("\0\0\0\x05", 4) + "ABCDxy" + (c.dataLen == 23 ? "detail" : "");
+        EXPECT_EQ(tail, std::string((char *)data + 4, c.dataLen - 4));  // after the time
+        EXPECT_EQ(0, DTInfo_GetPack(info, &cursor, format, &data));
+        DTInfo_Release(info);
+    }
+}
+
+TEST(DTInfoPack, ShowInfoFiltersSkipsAndLimits) {
+    DTInfo *info = DTInfo_New(0);
+    DTInfo_AddInfo(info, 1, 12, "AB", 2, "xy", 2, "", 0, 5);
+    DTInfo_AddInfo(info, 2, 13, "BC", 2, "xz", 2, "", 0, 0);
+    DTInfo_Write(info, "l", "text record");
+    DTInfo_PackPre(info, "TBhI1S1S1S", 0, 3);  // shape says 14 data bytes: passed over
+    memset(info->memory->data + info->freeAddr, 0, 3);
+    info->freeAddr += 3, info->freesize -= 3;
+    DTInfo_AddInfo(info, 1, 12, "AC", 2, "yy", 2, "", 0, 7);
+    const std::string wide(1000, '4');  // 200 bytes as a string, 500 as a filter
+    DTInfo_AddInfo(info, 1, 12, wide.data(), 200, "", 0, "", 0, 7);  // too wide to show: passed over
+    struct Case {
+        int32_t id; const char *f1, *f2; uint32_t value, type, skip, limit; const char *shown; int total;
+    } cases[] = {
+        {-1, "", "", 0, 0, 0, 0, "123", 3},      {12, "", "", 0, 0, 0, 0, "12", 2},
+        {-1, "41", "", 0, 0, 0, 0, "12", 2},     {-1, "4", "", 0, 0, 0, 0, "123", 3},
+        {-1, "4143", "", 0, 0, 0, 0, "1", 1},    {-1, "", "78", 0, 0, 0, 0, "12", 2},
+        {-1, "", "", 0xFFFFFFFF, 0, 0, 0, "12", 2}, {-1, "", "", 7, 0, 0, 0, "1", 1},
+        {-1, "", "", 0, 2, 0, 0, "1", 1},        {-1, "", "", 0, 257, 0, 0, "", 0},
+        {-1, "", "", 0, 0, 1, 2, "2", 3},        {-1, "", "", 0, 0, 2, 3, "3", 3},
+        {-1, wide.c_str(), "", 0, 0, 0, 0, "", 0},
+    };
+    for (const Case &c : cases) {
+        dttest::ClearConsole();
+        DTInfo_ShowInfo(info, c.id, c.f1, c.f2, c.value, c.type, c.skip, c.limit);
+        DTPrint_ShowEx("", 0);
+        std::string text = dttest::ConsoleText(), shown;
+        for (size_t at = text.find("index="); at != std::string::npos; at = text.find("index=", at + 1))
+            shown += text[at + 6];
+        EXPECT_EQ(c.shown, shown) << c.id << " " << c.f1 << " " << c.f2 << " " << c.type;
+        std::string total = "Total count " + std::to_string(c.total);
+        EXPECT_EQ(total, text.substr(text.size() - std::min(text.size(), total.size())));
+    }
+    dttest::ClearConsole();
+    DTInfo_ShowInfo(info, 13, "", "", 0, 0, 0, 0);
+    EXPECT_EQ(0u, dttest::ConsoleText().find("index=1,format:*TBhI2S2S0S\n"));
     DTInfo_Release(info);
 }

@@ -97,26 +97,6 @@ TEST(DTTable, ClearLinesClearAndReleaseGiveMemoryBack) {
     EXPECT_EQ(before, dttest::LiveBlocks());
 }
 
-// Whichever allocation fails while a cell is set in a new row, nothing leaks.
-TEST(DTTable, ShortMemoryNeverLeaks) {
-    int64_t before = dttest::LiveBlocks();
-    for (uint32_t k = 1; k <= 12; ++k) {
-        DTTable *t = DTTable_New();
-        DTTable_SetTitle(t, 1, "v", DTTABLE_KIND_INT32, "%d", 'R');
-        int32_t v = 4;
-        dttest::FailMallocAt(k);
-        DTTable_Set(t, 2, 1, &v);
-        DTTable_SetTitle(t, 3, "w", DTTABLE_KIND_INT32, "%d", 'R');
-        dttest::FailMallocAt(0);
-        void *cell = DTTable_Get(t, 2, 1);  // either fully set or absent
-        EXPECT_TRUE(!cell || memcmp(cell, &v, 4) == 0) << k;
-        DTTable_Release(t);
-        EXPECT_EQ(before, dttest::LiveBlocks()) << "failing allocation " << k;
-    }
-    dttest::FailMallocAt(1);
-    EXPECT_EQ(nullptr, DTTable_New());
-}
-
 // Single precision loses the small additions to 2^24; integers wrap.
 TEST(DTTable, SumTotalsInTheColumnsKind) {
     struct {

@@ -81,19 +81,6 @@ TEST(DTTimer, ShowListsOnlyTimersWithACallback) {
     EXPECT_EQ(dttest::Console()[1], "last=300,interval=100,status=0,times=3\n");
 }
 
-TEST(DTTimer, FailedAllocations) {
-    dttest::FailMallocAt(1);  // the list itself
-    EXPECT_EQ(DTTimer_Regist(Record, 10), 0);
-    EXPECT_EQ(g_DTTimer_List, nullptr);
-    EXPECT_EQ(dttest::LiveBlocks(), 0);
-    dttest::FailMallocAt(2);  // the entry, after the list is made
-    EXPECT_EQ(DTTimer_Regist(Record, 10), 0);
-    ASSERT_NE(g_DTTimer_List, nullptr);
-    EXPECT_EQ(DTList_Length(g_DTTimer_List), 0);
-    EXPECT_EQ(DTTimer_Regist(Record, 10), 1);
-    EXPECT_EQ(DTList_Length(g_DTTimer_List), 1);
-}
-
 std::atomic<int> g_stamps{0};  // no destructor: the loop thread outlives the test
 
 int32_t Stamp(DTTimer *) {

@@ -1,0 +1,364 @@
+// Every public operation that allocates, under the allocation-failure sweep. One
+// row a scenario: a name, a setup, the operation and its failure value, a
+// follow-up, a clean-up; each row runs in a process of its own.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <fstream>
+#include <future>
+#include <iterator>
+#include <set>
+#include <string>
+
+#include "../collect/test_collector.h"
+#include "dtkit.h"
+#include "dtsweep.h"
+#include "dttest.h"
+#include "records/DTLogger_internal.h"
+
+namespace {
+
+using dttest::Ptr;
+
+void *W(uintptr_t n) { return reinterpret_cast<void *>(n); }
+void KeepItem(void *) {}
+int64_t Lines() { return int64_t(dttest::Console().size()); }
+int64_t Records(DTInfo *info) {
+    uint32_t cursor = DTINFO_START;
+    int64_t n = 0;
+    while (info && DTInfo_Get(info, nullptr, 0, &cursor, nullptr, nullptr, nullptr, nullptr)) ++n;
+    return n;
+}
+int64_t LogRecords(DTLogger *log) { return log ? Records(log->store) : 0; }
+// A record holds its node in the list and two loggers, each logger its store (header, area).
+int64_t LogBlocks(DTLogger *log) { return log ? 1 + (log->store ? 2 : 0) : 0; }
+bool Listed(DTFaultRecord *f) { return f && DTList_Get(g_DTFault_List, f->index) == f; }
+int64_t FaultBlocks(DTFaultRecord *f) {
+    return f ? 1 + Listed(f) + LogBlocks(f->initLog) + LogBlocks(f->runLog) : 0;
+}
+bool InFaultFile(const std::string &text) {
+    std::ifstream in(DTFAULT_FILE, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {}).find(text) != std::string::npos;
+}
+bool Holds(DTTable *t) {
+    const int32_t v = 1;
+    DTTable_SetTitle(t, 0, "v", DTTABLE_KIND_INT32, "%d", 'R');
+    DTTable_Set(t, 0, 0, &v);
+    return DTTable_Get(t, 0, 0) != nullptr;
+}
+
+// What the scenarios work on; each row runs in a process of its own.
+DTBuf *b;
+DTSet *st;
+DTPrint *pr;
+DTFuncLog *fl;
+void *blk;
+DTList *l;
+DTHash *h;
+DTMemBlock *m;
+DTInfo *info;
+DTLogger *lg;
+DTTable *t;
+DTFaultRecord *f, *g;
+CollectSection *cs, *ct2;
+int64_t got, n, runs;
+bool had;
+DTMemPoolStats pool;
+DTMemOwnerStats owner;
+std::string faultName, seen, whole;  // seen: what a rendering or collection gave
+const std::string kBig(2000, 'd');  // more than a first 1024-byte area holds
+
+bool MallocCounted() {  // a block that cannot be had moves no counter
+    DTMemOwnerStats now{};
+    DTMem_GetOwnerStats(4, &now);
+    EXPECT_EQ(now.mallocs, owner.mallocs + (blk != nullptr));
+    return blk || (blk = DTMem_Malloc(4, 10));
+}
+void MakeAbc() { DTBuf_Append(b = DTBuf_New(1, 4, 0), "abc", 0); }
+bool AbcStays() {
+    void *text = nullptr;
+    EXPECT_TRUE(got || DTBuf_Length(b) == 3) << "a failed write leaves the length";
+    EXPECT_GE(DTBuf_Get(b, 0, &text), 4);
+    EXPECT_EQ(memcmp(text, "abc", 3), 0) << "the written text stays";
+    return DTBuf_Append(b, "h", 0) == 1;
+}
+void MakeList() { DTList_Append(l = DTList_New(0, KeepItem), W(1)); }
+bool ListAsBefore() {
+    EXPECT_EQ(DTList_Length(l), 1 + got) << "a failed add changes nothing";
+    return DTList_Append(l, W(4)) == 1;
+}
+int64_t SetFar() {
+    DTList_Set(l, 6, W(6));
+    return Ptr(DTList_Get(l, 6));
+}
+bool HashWorks() {
+    EXPECT_EQ(DTHash_Get(h, "keyA", nullptr), got) << "stored only when set";
+    return DTHash_Set(h, "keyB", "valB") == 1 && DTHash_Get(h, "keyB", nullptr) == 1;
+}
+void MakeWxyz() { DTMem_memcpy(m = DTMem_New(4, 0), 0, "wxyz", 4); }
+int64_t Grow() {
+    DTMemBlock *grown = DTMem_realloc(m, 64);
+    m = grown ? grown : m;
+    return Ptr(grown);
+}
+bool WxyzStays() {
+    EXPECT_EQ(DTMem_memcmp(m, 0, "wxyz", 4), 0) << "the old object stays whole";
+    m = DTMem_realloc(m, 2);
+    return DTMem_memcmp(m, 0, "wx", 2) == 0;
+}
+bool StaticAgain() {  // the next call tries the chunk again
+    EXPECT_NE(DTMem_Malloc_Static(0, 8), nullptr);
+    DTMem_GetPoolStats(&pool);
+    return pool.chunks == 1;
+}
+bool OrdinaryBlock() {
+    DTMemPoolStats now{};
+    DTMem_GetPoolStats(&now);
+    return had = now.mallocs == pool.mallocs;
+}
+int64_t ShowLost() {
+    DTPrint_Show("lost\n", 0);
+    return Lines() - n;
+}
+bool PutsKept() {
+    DTPrint_Puts("kept", 0);
+    return dttest::Console().back() == "kept\n";
+}
+void MakeHello() { DTInfo_Write(info = DTInfo_New(0), "w", "hello"); }
+bool HelloStays() {
+    EXPECT_GE(Records(info), 1) << "the old record stays";
+    return DTInfo_Write(info, "w", "again") == 9;
+}
+void NextFault() {
+    had = g_DTFault_List != nullptr;
+    faultName = "half" + std::to_string(++runs);
+}
+DTFaultRecord *held[16];  // records are never released: each stays the caller's, unlisted or not
+int64_t Regist() {
+    held[runs % 16] = f = DTFault_Regist(faultName.c_str(), nullptr);
+    return Ptr(f);
+}
+bool Unlisted() { return f && (!f->initLog || !f->runLog || !Listed(f)); }
+int64_t FaultKept() { return !had + FaultBlocks(f) + FaultBlocks(g); }
+bool FaultFollow() {  // a logger that could not be made is passed over, in the save too
+    EXPECT_EQ(DTFault_SetInitLog(f, 1, 0, "init"), 0);
+    EXPECT_EQ(DTFault_SetRunLog(f, 1, 0, "run"), 0);
+    DTFault_Start();
+    EXPECT_EQ(InFaultFile("log " + faultName + " init"), Listed(f) && f->initLog);
+    g = DTFault_Regist("whole", nullptr);
+    return Listed(g) && g->initLog && g->runLog;
+}
+int64_t RecordValue() {  // registers and counters take the same way into the store
+    DTFault_SetValue(f, 3, kBig.data(), 2000);
+    return Records(g_DTFault_Info);
+}
+int64_t RunLog() {
+    DTFault_SetRunLog(f, 1, 0, "text");
+    return LogRecords(f->runLog);
+}
+void FreshRunLog() {  // so that the next run makes the store again
+    DTLogger_Release(f->runLog);
+    f->runLog = DTLogger_New(255);
+}
+void SaveValue() { DTFault_SetRegist(f, 5, 0xCAFEBABE); }
+int64_t Save() {
+    DTFault_Start();
+    return InFaultFile("\xCA\xFE\xBA\xBE");
+}
+char printBuf[4];
+bool PrintWorks() {
+    DTPrint_Print(pr ? pr : (pr = DTPrint_New(printBuf, 4)), "ab", 1);
+    DTPrint_Flush(pr);
+    return dttest::Console().back() == "ab";
+}
+const DTFuncLogEntry kFuncs[] = {{"read", "II", 0, "(fd, n)"}, {"write", "I", 5, "(fd)"}};
+void PrepareSave() {
+    f = DTFault_Regist("saver", SaveValue);
+    DTPrint_Puts("", 0);  // the console's print object is not under test here
+}
+bool NewTableHolds() {
+    DTTable *u = DTTable_New();
+    const bool works = Holds(u);
+    DTTable_Release(u);
+    return works;
+}
+int64_t SetTitle() {
+    DTTable_SetTitle(t, 2, "w", DTTABLE_KIND_STRING, "%s", 'L');
+    return DTTable_GetColNum(t) == 3;
+}
+int64_t SetCell() {  // set whole or absent
+    const int32_t v = 4;
+    DTTable_Set(t, 2, 0, &v);
+    const int32_t *cell = static_cast<int32_t *>(DTTable_Get(t, 2, 0));
+    return cell && *cell == 4;
+}
+// Every rendering at once: console lines (also through a buffer address of 1), the
+// caller's buffer, a DTBuf. A piece that cannot be had is missing from it.
+int64_t Render() {
+    static char buf[4096];
+    DTBuf *out = DTBuf_New(1, 16, 16);
+    const int64_t before = Lines();
+    DTTable_Show(t);
+    DTTable_ShowToBuf(t, reinterpret_cast<DTBuf *>(1));
+    DTTable_ShowToBuf(t, out);
+    seen = std::to_string(Lines() - before) + "/" + std::to_string(DTBuf_Length(out));
+    seen += "/" + std::to_string(DTTable_ShowToBuffer(t, buf, sizeof buf));
+    DTBuf_Release(out);
+    return seen == whole;
+}
+void PrepareTable() {
+    Holds(t = DTTable_New());
+    DTTable_SetCaption(t, "sweep");
+    Render();
+    whole = seen;
+}
+int32_t Tick(DTTimer *) { return 1; }
+void TimerBefore() {
+    had = g_DTTimer_List != nullptr;
+    n = DTList_Length(g_DTTimer_List);
+}
+int64_t Timer() { return got = DTTimer_Regist(Tick, 10); }
+bool TimerUnlisted() { return got == 1 && DTList_Length(g_DTTimer_List) == n; }
+int64_t TimerKept() { return !had + 2 * (DTList_Length(g_DTTimer_List) - n); }
+bool TimerAgain() {
+    EXPECT_TRUE(got == 1 || DTList_Length(g_DTTimer_List) == n) << "nothing registered";
+    return DTTimer_Regist(Tick, 10) == 1;
+}
+bool SectionAgain() {
+    ct2 = Collect_New("mem", nullptr, nullptr);
+    return ct2 && ct2->index == (cs ? 1 : 0) && g_collect_param.count == ct2->index + 1;
+}
+void ReleaseSections() {
+    Collect_Release(cs);
+    Collect_Release(ct2);
+}
+const std::string kLong(1500, 's');  // two pieces at least
+void PutAll(uint32_t) {
+    Collect_BeginSection(cs, 3);
+    Collect_PutInt(cs, 1, 42);
+    Collect_PutLong(cs, 2, 0x0102030405060708u);
+    Collect_PutString(cs, 3, kLong.c_str(), 0);
+    Collect_PutStruct(cs, 4, kLong.data(), 1500);
+    Collect_EndSection(cs);
+}
+// One collection served to a collector on 127.0.0.1, seen: the kinds of the records it
+// got; 1 when it completed with every record.
+int64_t CollectOnce() {
+    int lsock = -1;
+    const uint16_t port = ct::Listen(&lsock);
+    auto reader = std::async(std::launch::async, [lsock] { return ct::Read(lsock); });
+    const int32_t r = Collect_Start("127.0.0.1", port, 2, 1, 1, 2);
+    seen.clear();
+    for (const ct::Record &rec : ct::Records(reader.get())) seen += char(rec.kind);
+    return r == 1 && seen == whole;
+}
+void PrepareCollect() {
+    cs = Collect_New("all", PutAll, nullptr);
+    Collect_New("quiet", nullptr, nullptr);
+    CollectOnce();
+    whole = seen;
+    EXPECT_EQ(std::set<char>(whole.begin(), whole.end()).size(), 6u) << "every record kind";
+}
+void ReleaseAgentLog() {
+    DTLogger_Release(g_collect_param.logger);
+    g_collect_param.logger = nullptr;
+}
+
+struct Scenario {
+    dttest::Sweep sweep;
+    void (*prepare)() = nullptr;  // once, before the sweep: what stays for the whole process
+};
+void PrintTo(const Scenario &s, std::ostream *os) { *os << s.sweep.name; }
+
+const Scenario kScenarios[] = {
+    {{"DTBuf_New", nullptr, [] { return Ptr(b = DTBuf_New(1, 8, 0)); }, 0,
+      [] { return DTBuf_Append(b ? b : (b = DTBuf_New(1, 8, 0)), "x", 0) == 1; }, [] { DTBuf_Release(b); }}},
+    {{"DTList_New", nullptr, [] { return Ptr(l = DTList_New(0, KeepItem)); }, 0,
+      [] { return DTList_Append(l ? l : (l = DTList_New(0, KeepItem)), W(1)) == 1; }, [] { DTList_Release(l); }}},
+    {{"DTHash_New", nullptr, [] { return Ptr(h = DTHash_New(4, 4, 8, nullptr)); }, 0,
+      [] { return DTHash_Set(h ? h : (h = DTHash_New(4, 4, 8, nullptr)), "keyA", "valA") == 1; },
+      [] { DTHash_Release(h); }}},
+    {{"DTSet_New", nullptr, [] { return Ptr(st = DTSet_New(8)); }, 0,
+      [] { return DTSet_Set(st ? st : (st = DTSet_New(8)), 7, 1) == 1; }, [] { DTSet_Release(st); }}},
+    {{"DTMem_New", nullptr, [] { return Ptr(m = DTMem_New(4, 0)); }, 0,
+      [] { return DTMem_memcpy(m ? m : (m = DTMem_New(4, 0)), 0, "wxyz", 4) == 4; }, [] { DTMem_Release(m); }}},
+    {{"DTMem_Malloc", [] { DTMem_GetOwnerStats(4, &owner); }, [] { return Ptr(blk = DTMem_Malloc(4, 10)); }, 0,
+      MallocCounted, [] { DTMem_Free(4, blk); }}},
+    {{"DTPrint_New", nullptr, [] { return Ptr(pr = DTPrint_New(printBuf, 4)); }, 0, PrintWorks,
+      [] { DTPrint_Release(pr); }}},
+    {{"DTInfo_New", nullptr, [] { return Ptr(info = DTInfo_New(0)); }, 0,
+      [] { return DTInfo_Write(info ? info : (info = DTInfo_New(0)), "w", "hello") == 9; }, [] { DTInfo_Release(info); }}},
+    {{"DTLogger_New", nullptr, [] { return Ptr(lg = DTLogger_New(255)); }, 0,
+      [] { return DTLogger_Write(lg ? lg : (lg = DTLogger_New(255)), 1, "hello") == 32; }, [] { DTLogger_Release(lg); }}},
+    {{"DTFuncLog_New", nullptr, [] { return Ptr(fl = DTFuncLog_New(kFuncs, 2, 1024)); }, 0,
+      [] { return DTInfo_Append((fl ? fl : (fl = DTFuncLog_New(kFuncs, 2, 1024)))->info, "\1", 1, "ab", 2) == 6; },
+      [] { DTFuncLog_Release(fl); }}},
+    {{"DTBuf_Append", MakeAbc, [] { return got = DTBuf_Append(b, "defg", 0); }, 0, AbcStays, [] { DTBuf_Release(b); }}},
+    {{"DTBuf_Set", MakeAbc, [] { return got = DTBuf_Set(b, 8, "x", 1); }, 0, AbcStays, [] { DTBuf_Release(b); }}},
+    {{"DTList_Append", MakeList, [] { return got = DTList_Append(l, W(3)); }, 0, ListAsBefore, [] { DTList_Release(l); }}},
+    {{"DTList_Push", MakeList, [] { return got = DTList_Push(l, W(3)); }, 0, ListAsBefore, [] { DTList_Release(l); }}},
+    {{"DTList_Insert", MakeList, [] { return got = DTList_Insert(l, 0, W(3)); }, 0, ListAsBefore, [] { DTList_Release(l); }}},
+    // The nodes made before the failing one stay, holding 0.
+    {{"DTList_Set", MakeList, SetFar, 0, nullptr, [] { DTList_Release(l); }}},
+    // A bucket list made in a failed attempt stays.
+    {{"DTHash_Set", [] { h = DTHash_New(4, 4, 1, nullptr); }, [] { return got = DTHash_Set(h, "keyA", "valA"); }, 0,
+      HashWorks, [] { DTHash_Release(h); }}},
+    {{"DTMem_realloc", MakeWxyz, Grow, 0, WxyzStays, [] { DTMem_Release(m); }}},
+    // No chunk: an ordinary block in its place, never given back.
+    {{"DTMem_Malloc_Static", [] { DTMem_GetPoolStats(&pool); }, [] { return Ptr(DTMem_Malloc_Static(0, 8)); }, 0,
+      StaticAgain, nullptr, OrdinaryBlock, [] { return int64_t(had); }}},
+    // No print object: silence. The one that is made stays for good.
+    {{"DTPrint_Show", [] { n = Lines(); }, ShowLost, 0, PutsKept, nullptr, nullptr, [] { return int64_t(runs++ == 0); }}},
+    {{"DTInfo_Append", MakeHello, [] { return int64_t(DTInfo_Append(info, "k", 1, kBig.data(), 2000)); }, -1, HelloStays,
+      [] { DTInfo_Release(info); }}},
+    {{"DTInfo_Append2Message", MakeHello,
+      [] { return int64_t(DTInfo_Append2Message(info, "k", 1, kBig.data(), 1000, kBig.data(), 1000)); }, 0, HelloStays,
+      [] { DTInfo_Release(info); }}},
+    {{"DTInfo_PackPre", MakeHello, [] { return int64_t(DTInfo_PackPre(info, "k", 1, 2000)); }, 0, HelloStays,
+      [] { DTInfo_Release(info); }}},
+    // The store is left without area; a later resize gives it one.
+    {{"DTInfo_ReSize", [] { DTInfo_Append(info = DTInfo_New(0), "k", 1, kBig.data(), 2000); },
+      [] { return int64_t(DTInfo_ReSize(info, 1024)); }, 0, nullptr, [] { DTInfo_Release(info); }}},
+    // The store is made again at the next write.
+    {{"DTLogger_Write", [] { lg = DTLogger_New(255); }, [] { return int64_t(DTLogger_Write(lg, 1, "lost")); }, -2, nullptr,
+      [] { DTLogger_Release(lg); }}},
+    // A record that cannot be listed comes back unlisted; a logger that cannot be made stays null.
+    // The list is made by the first registration: one sweep without it, one with it.
+    {{"DTFault_Regist first", NextFault, Regist, 0, FaultFollow, nullptr, Unlisted, FaultKept}},
+    {{"DTFault_Regist", NextFault, Regist, 0, FaultFollow, nullptr, Unlisted, FaultKept}, [] { Regist(); }},
+    // A recording whose store cannot be made or grown is lost; the save releases the store.
+    {{"DTFault_SetValue", nullptr, RecordValue, 0, nullptr, DTFault_Start}, [] { f = DTFault_Regist("values", nullptr); }},
+    {{"DTFault_SetRunLog", nullptr, RunLog, 0, nullptr, FreshRunLog}, [] { f = DTFault_Regist("runlog", nullptr); }},
+    // A value the save's callback cannot record is missing from the file.
+    {{"DTFault_Start", nullptr, Save, 0}, PrepareSave},
+    // A list that cannot be made stays null, and that table holds nothing.
+    {{"DTTable_New", nullptr, [] { return Ptr(t = DTTable_New()); }, 0, NewTableHolds, [] { DTTable_Release(t); },
+      [] { return t && !Holds(t); }}},
+    {{"DTTable_SetTitle", [] { t = DTTable_New(); }, SetTitle, 0, nullptr, [] { DTTable_Release(t); }}},
+    // A row list made for the cell stays.
+    {{"DTTable_Set", [] { Holds(t = DTTable_New()); }, SetCell, 0, nullptr, [] { DTTable_Release(t); }}},
+    {{"DTTable output", nullptr, Render, 0}, PrepareTable},
+    // The list is made once. An entry that cannot be listed is given back; the answer is still 1.
+    {{"DTTimer_Regist first", TimerBefore, Timer, 0, TimerAgain, nullptr, TimerUnlisted, TimerKept}},
+    {{"DTTimer_Regist", TimerBefore, Timer, 0, TimerAgain, nullptr, TimerUnlisted, TimerKept}, [] { Timer(); }},
+    {{"Collect_New", nullptr, [] { return Ptr(cs = Collect_New("cpu", nullptr, nullptr)); }, 0, SectionAgain,
+      ReleaseSections}},
+    // No send buffer: the collection fails. Log lines the agent cannot store are lost, and it goes
+    // on: whole, it logs a begin and an end line (two records each) for the one section with data.
+    {{"Collect_Start", [] { g_collect_param.logger = DTLogger_New(255); }, CollectOnce, 0, nullptr, ReleaseAgentLog,
+      [] { return LogRecords(g_collect_param.logger) < 4; }}, PrepareCollect},
+};
+
+class Sweep : public testing::TestWithParam<Scenario> {};
+TEST_P(Sweep, Runs) {
+    if (GetParam().prepare) GetParam().prepare();
+    dttest::RunSweep(GetParam().sweep);
+}
+INSTANTIATE_TEST_SUITE_P(Alloc, Sweep, testing::ValuesIn(kScenarios),
+                         [](const testing::TestParamInfo<Scenario> &i) {
+                             std::string id = i.param.sweep.name;
+                             for (char &c : id) c = isalnum(static_cast<unsigned char>(c)) ? c : '_';
+                             return id;
+                         });
+
+}  // namespace
