@@ -1,19 +1,15 @@
 #include "net/DTConfig.h"
 
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <poll.h>
-#include <sys/socket.h>
 
-#include <atomic>
 #include <chrono>
 #include <cstdlib>
-#include <cstring>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "dtnetns.h"
+#include "net/DTConfig_internal.h"
 #include "net/DTSock.h"
 
 namespace {
@@ -24,86 +20,75 @@ int64_t MsSince(Clock::time_point t0) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t0).count();
 }
 
-struct Request {
-    int at;  // index of the server socket it reached
-    std::string text;
-    std::string from;  // address:port
-};
-
-// A configuration server in the server side of its own namespace pair, with
-// three sockets: 0 takes broadcasts only, 1 is 10.99.0.2:8999, 2 is
-// 10.99.0.3:40000. The k-th request gets replies[k].first from socket
-// replies[k].second; requests past the list get no answer. The test thread
-// is left in the device side. Start says why the server could not start.
-struct Server {
-    std::string Start(std::vector<std::pair<std::string, int>> replies) {
-        std::string why = ns_.Make();
-        if (!why.empty()) return why;
-        if (system(("ip -n " + ns_.ServerName() + " addr add 10.99.0.3/32 dev lo").c_str()) != 0)
-            return "cannot add 10.99.0.3";
-        if (!ns_.EnterServer()) return "cannot enter the server namespace";
-        socks_[0] = DTSock_UDP_Create("255.255.255.255", 8999);
-        socks_[1] = DTSock_UDP_Create("10.99.0.2", 8999);
-        socks_[2] = DTSock_UDP_Create("10.99.0.3", 40000);
-        if (!ns_.EnterDevice()) return "cannot enter the device namespace";
-        for (int s : socks_)
-            if (s < 0) return "cannot bind the server sockets";
-        replies_ = std::move(replies);
-        thread_ = std::thread([this] { Serve(); });
-        return "";
-    }
-    // Stops serving; what reached the server, in order.
-    std::vector<Request> Stop() {
-        stop_ = true;
-        if (thread_.joinable()) thread_.join();
-        for (int &s : socks_) {
-            DTSock_UDP_Close(s);
-            s = -1;
-        }
-        return requests_;
-    }
-    ~Server() { Stop(); }
-    void Serve() {
-        pollfd p[3];
-        for (int i = 0; i < 3; ++i) p[i] = {socks_[i], POLLIN, 0};
-        while (!stop_) {
-            if (poll(p, 3, 50) <= 0) continue;
-            for (int i = 0; i < 3; ++i) {
-                if (!(p[i].revents & POLLIN)) continue;
-                char buf[1100];
-                char from[16];
-                int32_t port = 0;
-                int32_t n = DTSock_UDP_RecvMessage(socks_[i], from, &port, buf, 1099);
-                requests_.push_back({i, std::string(buf, n > 0 ? n : 0), from + (":" + std::to_string(port))});
-                if (requests_.size() > replies_.size()) continue;
-                const auto &r = replies_[requests_.size() - 1];
-                // An empty reply still needs a non-zero first byte to pass the send check.
-                const char *text = r.first.empty() ? "-" : r.first.c_str();
-                DTSock_UDP_SendMessage(socks_[r.second], from, port, text, int32_t(r.first.size()));
-            }
-        }
-    }
-    dttest::NetnsPair ns_;
-    int socks_[3] = {-1, -1, -1};
-    std::vector<std::pair<std::string, int>> replies_;
-    std::vector<Request> requests_;
-    std::atomic<bool> stop_{false};
-    std::thread thread_;
-};
-
-TEST(DTConfig, FirstQueryBroadcastsThenFollowsWhoeverAnsweredAndConverts) {
+TEST(DTConfig, RepliesConvertAsIntegers) {
     const struct {
+        int32_t result;
         const char *reply;
         int32_t value;
-    } ints[] = {{"0x10", 16}, {"010", 8},       {" 42abc", 42}, {"abc", 0},
-                {"-1", -1},   {"4294967296", 0}, {"", 7}};
-    std::vector<std::pair<std::string, int>> replies = {{"9000", 1}, {"hello", 2}};
-    for (const auto &c : ints) replies.push_back({c.reply, 2});
-    replies.push_back({"4294967295", 2});
-    replies.push_back({std::string(1200, 'a'), 2});
-    Server server;
-    std::string why = server.Start(replies);
+    } cases[] = {
+        {3, "0x10", 16}, {2, "010", 8},         {5, " 42abc", 42},       {3, "abc", 0},  {2, "-1", -1},
+        {9, "4294967296", 0}, {9, "4294967295", -1}, {0, "12", 7}, {-1, "12", 7}, {1, nullptr, 7},
+    };
+    for (const auto &c : cases) EXPECT_EQ(DTConfig_IntFromReply_(c.result, c.reply, 7), c.value) << c.reply;
+    EXPECT_EQ(DTConfig_TextFromReply_(1, "x", "dflt", nullptr), 1);
+}
+
+// A namespace pair whose server side has three sockets: 0 takes broadcasts
+// only, 1 is 10.99.0.2:8999, 2 is 10.99.0.3:40000. The test thread is left in
+// the device side. Empty, or why the network could not be made.
+std::string Network(dttest::NetnsPair &ns, int socks[3]) {
+    std::string why = ns.Make();
+    if (!why.empty()) return why;
+    if (system(("ip -n " + ns.ServerName() + " addr add 10.99.0.3/32 dev lo").c_str()) != 0)
+        return "cannot add 10.99.0.3";
+    if (!ns.EnterServer()) return "cannot enter the server namespace";
+    socks[0] = DTSock_UDP_Create("255.255.255.255", 8999);
+    socks[1] = DTSock_UDP_Create("10.99.0.2", 8999);
+    socks[2] = DTSock_UDP_Create("10.99.0.3", 40000);
+    if (!ns.EnterDevice()) return "cannot enter the device namespace";
+    for (int i = 0; i < 3; ++i)
+        if (socks[i] < 0) return "cannot bind the server sockets";
+    return "";
+}
+
+// Datagrams waiting on a server socket, each one taken.
+int Pending(int sock) {
+    int n = 0;
+    char buf[1100];
+    for (pollfd p{sock, POLLIN, 0}; poll(&p, 1, 200) == 1; ++n) DTSock_UDP_RecvMessage(sock, nullptr, nullptr, buf, 1099);
+    return n;
+}
+
+// The server's side, scripted: a step waits (2 s at most) for the next
+// request on socket `on` and answers with `reply` from socket `from`.
+struct Step {
+    int on;
+    std::string reply;
+    int from;
+};
+
+TEST(DTConfig, FirstQueryBroadcastsThenFollowsWhoeverAnswered) {
+    dttest::NetnsPair ns;
+    int socks[3] = {-1, -1, -1};
+    std::string why = Network(ns, socks);
     if (!why.empty()) GTEST_SKIP() << why;
+    const Step steps[] = {{0, "9000", 1}, {1, "hello", 2}, {2, "", 2}, {2, std::string(1200, 'a'), 2}};
+    std::string got[4];  // each step's request
+    std::thread server([&] {
+        for (int k = 0; k < 4; ++k) {
+            const Step &s = steps[k];
+            pollfd p{socks[s.on], POLLIN, 0};
+            if (poll(&p, 1, 2000) != 1) return;
+            char buf[1100];
+            char from[16];
+            int32_t port = 0;
+            int32_t n = DTSock_UDP_RecvMessage(socks[s.on], from, &port, buf, 1099);
+            got[k] = std::string(buf, n > 0 ? n : 0);
+            // An empty reply still needs a non-zero first byte to pass the send check.
+            DTSock_UDP_SendMessage(socks[s.from], from, port, s.reply.empty() ? "-" : s.reply.c_str(),
+                                   int32_t(s.reply.size()));
+        }
+    });
     char out[1100];
     // Too long to send (1005 characters): refused before the one broadcast is spent.
     EXPECT_EQ(DTConfig_GetString("s", std::string(990, 'k').c_str(), "dflt", out), 1);
@@ -111,54 +96,48 @@ TEST(DTConfig, FirstQueryBroadcastsThenFollowsWhoeverAnsweredAndConverts) {
     EXPECT_EQ(DTConfig_GetInt("net", "mtu", 1500), 9000);
     EXPECT_EQ(DTConfig_GetString("net", "name", "dflt", out), 1);
     EXPECT_STREQ(out, "hello");
-    for (const auto &c : ints) EXPECT_EQ(DTConfig_GetInt("s", "k", 7), c.value) << '"' << c.reply << '"';
-    EXPECT_EQ(DTConfig_GetUInt("s", "u", 4294967295u), 4294967295u);
-    memset(out, 'x', sizeof out);
+    EXPECT_EQ(DTConfig_GetUInt("s", "u", 4294967295u), 4294967295u) << "an empty reply";
     DTConfig_GetString("s", "t", "dflt", out);
-    EXPECT_EQ(std::string(out), std::string(999, 'a'));  // the rest of the datagram is dropped
-    std::vector<Request> got = server.Stop();
-    ASSERT_EQ(got.size(), replies.size());
-    EXPECT_EQ(got[0].at, 0);  // broadcast
-    EXPECT_EQ(got[0].text, "=>config net mtu 1500");
-    EXPECT_EQ(got[0].from, "10.99.0.1:8998");
-    EXPECT_EQ(got[1].at, 1);  // unicast to the first replier
-    EXPECT_EQ(got[1].text, "=>config net name dflt");
-    EXPECT_EQ(got[2].at, 2);  // then to the second replier's address and port
-    EXPECT_EQ(got[9].text, "=>config s u -1");  // the unsigned default as signed text
+    EXPECT_EQ(std::string(out), std::string(999, 'a')) << "the rest of the datagram is dropped";
+    server.join();
+    EXPECT_EQ(got[0], "=>config net mtu 1500") << "broadcast";
+    EXPECT_EQ(got[1], "=>config net name dflt") << "unicast to the first replier";
+    // To the second replier's address and port; the unsigned default as signed text.
+    EXPECT_EQ(got[2], "=>config s u -1");
+    EXPECT_EQ(got[3], "=>config s t dflt");
+    for (int s : socks) DTSock_UDP_Close(s);
 }
 
 TEST(DTConfig, NoServerWaitsOnceThenNeverSendsAgain) {
-    Server server;  // listens, never answers
-    std::string why = server.Start({});
+    dttest::NetnsPair ns;
+    int socks[3] = {-1, -1, -1};
+    std::string why = Network(ns, socks);
     if (!why.empty()) GTEST_SKIP() << why;
     Clock::time_point t0 = Clock::now();
     EXPECT_EQ(DTConfig_GetInt("a", "b", 5), 5);
     EXPECT_GE(MsSince(t0), 950);
     t0 = Clock::now();
-    EXPECT_EQ(DTConfig_GetUInt("a", "b", 6u), 6u);
     char out[16];
     EXPECT_EQ(DTConfig_GetString("a", "b", "dflt", out), 1);
     EXPECT_STREQ(out, "dflt");
-    EXPECT_EQ(DTConfig_GetString("a", "b", "dflt", nullptr), 1);
     EXPECT_LT(MsSince(t0), 200);
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    std::vector<Request> got = server.Stop();
-    ASSERT_EQ(got.size(), 1u);
-    EXPECT_EQ(got[0].at, 0);
+    EXPECT_EQ(Pending(socks[0]), 1) << "the broadcast";
+    EXPECT_EQ(Pending(socks[1]), 0);
+    for (int s : socks) DTSock_UDP_Close(s);
 }
 
 TEST(DTConfig, TakenPortMeansNoQueryForGood) {
-    Server server;
-    std::string why = server.Start({{"1", 1}});
+    dttest::NetnsPair ns;
+    int socks[3] = {-1, -1, -1};
+    std::string why = Network(ns, socks);
     if (!why.empty()) GTEST_SKIP() << why;
     int blocker = DTSock_UDP_Create("0.0.0.0", 8998);
     ASSERT_GE(blocker, 0);
-    Clock::time_point t0 = Clock::now();
     EXPECT_EQ(DTConfig_GetInt("a", "b", 5), 5);
     DTSock_UDP_Close(blocker);
-    EXPECT_EQ(DTConfig_GetInt("a", "b", 5), 5);  // the port is free now, but too late
-    EXPECT_LT(MsSince(t0), 200);
-    EXPECT_EQ(server.Stop().size(), 0u);
+    EXPECT_EQ(DTConfig_GetInt("a", "b", 5), 5) << "the port is free now, but too late";
+    EXPECT_EQ(Pending(socks[0]), 0);
+    for (int s : socks) DTSock_UDP_Close(s);
 }
 
 }  // namespace

@@ -1,8 +1,6 @@
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sched.h>
-#include <sys/file.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -15,12 +13,14 @@
 #include <vector>
 
 #include "collect/collect_getdata.h"
+#include "../collect/test_collector.h"
 #include "collector.h"
 #include "stream_reader.h"
 
 namespace {
 
 using Bytes = std::vector<uint8_t>;
+const size_t npos = std::string::npos;
 
 Bytes Cat(std::initializer_list<Bytes> parts) {
     Bytes b;
@@ -168,27 +168,6 @@ TEST(DtcollectArgs, BadUsageExitsTwoWithAMessage) {
     }
 }
 
-// Network tests keep UDP port 9099 to themselves, since test runs of other
-// build trees may use it meanwhile: in a network namespace of this test
-// process alone when it may make one, else by a machine-wide turn.
-class DtcollectNet : public ::testing::Test {
-protected:
-    void SetUp() override {
-        if (unshare(CLONE_NEWNET) == 0) {
-            ASSERT_EQ(system("ip link set lo up"), 0);
-            return;
-        }
-        lock_ = open("/tmp/dtkit-udp9099.lock", O_RDWR | O_CREAT, 0600);
-        if (lock_ >= 0) flock(lock_, LOCK_EX);
-    }
-    void TearDown() override {
-        if (lock_ >= 0) close(lock_);
-    }
-
-private:
-    int lock_ = -1;
-};
-
 std::string ReadAll(const std::string &path) {
     std::ifstream f(path, std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
@@ -202,14 +181,6 @@ int RunTool(const std::string &args, std::string &out, std::string &err) {
     remove((base + ".out").c_str());
     remove((base + ".err").c_str());
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-TEST_F(DtcollectNet, AHostThatNeverAnswersTimesOut) {
-    std::string out, err;
-    EXPECT_EQ(RunTool("--timeout 1 127.0.0.1", out, err), 1);
-    EXPECT_EQ(out, "");
-    EXPECT_NE(err.find("dtcollect: 127.0.0.1: no connection from the device within 1 s"), std::string::npos) << err;
-    EXPECT_NE(err.find("at byte offset 0\n"), std::string::npos) << err;
 }
 
 CollectSection *g_numbers = nullptr;
@@ -244,62 +215,61 @@ std::string Json(const char *section, int index, int block, int code, const char
            "\",\"value\":" + value + "}\n";
 }
 
-// The library's own agent on a thread of this process, serving the two
-// sections above; values long enough to be split across messages.
-class DtcollectAgent : public DtcollectNet {
-protected:
-    void SetUp() override {
-        DtcollectNet::SetUp();
-        g_numbers = Collect_New("numbers", PutNumbers, nullptr);
-        g_texts = Collect_New("texts", PutTexts, SelfTestTexts);
-        std::thread([] { Collect_Init(0x01020000); }).detach();
-        // The agent makes its log once its request socket is bound.
-        for (int i = 0; i < 500 && !*static_cast<DTLogger *volatile *>(&g_collect_param.logger); ++i) usleep(10000);
-        ASSERT_NE(*static_cast<DTLogger *volatile *>(&g_collect_param.logger), nullptr) << "UDP 9099 is taken";
+// The program and the library's agent, on a thread of this process, meet on
+// UDP port 9099: in a network namespace of this test process alone when it may
+// make one, else on the machine's, where test runs take turns with the port
+// (ctest's lock, the shared port lock). One agent serves every run in turn,
+// the stalled one last, as the agent stays stuck in it; values are long
+// enough to be split across messages.
+TEST(DtcollectProgram, PrintsExactlyWhatTheSectionsPutAndReportsEachFailure) {
+    if (unshare(CLONE_NEWNET) == 0) {
+        ASSERT_EQ(system("ip link set lo up"), 0);
     }
-    const std::string json_ = Json("numbers", 0, 7, 1, "int", "3735928559") +
-                              Json("numbers", 0, 7, 2, "long", "72623859790382856") +
-                              Json("texts", 1, 0, 3, "string", R"("tab\u0009\"q\" )" "\xc3\xa9" R"(\u0001\u00ff")") +
-                              Json("texts", 1, 0, 4, "string", "\"" + kLong + "\"") +
-                              Json("texts", 1, 0, 5, "buffer", "\"" + dtcollect::Hex(kBlob) + "\"");
-};
-
-TEST_F(DtcollectAgent, PrintsExactlyWhatTheSectionsPut) {
     std::string out, err;
+    EXPECT_EQ(RunTool("--timeout 0.2 127.0.0.1", out, err), 1) << "no agent yet";
+    EXPECT_EQ(out, "");
+    EXPECT_NE(err.find("dtcollect: 127.0.0.1: no connection from the device within 0.2 s (TCP port "), npos) << err;
+    EXPECT_NE(err.find(") at byte offset 0\n"), npos) << err;
+    g_numbers = Collect_New("numbers", PutNumbers, nullptr);
+    g_texts = Collect_New("texts", PutTexts, SelfTestTexts);
+    ASSERT_TRUE(ct::StartAgent(0x01020000)) << "UDP 9099 is taken";
+    const std::string json = Json("numbers", 0, 7, 1, "int", "3735928559") +
+                             Json("numbers", 0, 7, 2, "long", "72623859790382856") +
+                             Json("texts", 1, 0, 3, "string", R"("tab\u0009\"q\" )" "\xc3\xa9" R"(\u0001\u00ff")") +
+                             Json("texts", 1, 0, 4, "string", "\"" + kLong + "\"") +
+                             Json("texts", 1, 0, 5, "buffer", "\"" + dtcollect::Hex(kBlob) + "\"");
     EXPECT_EQ(RunTool("--json --type 2 127.0.0.1", out, err), 0) << err;
-    EXPECT_EQ(out, json_);
+    EXPECT_EQ(out, json);
     EXPECT_EQ(RunTool("--sequence 77 127.0.0.1", out, err), 0) << err;
     std::string plain = "127.0.0.1 identity 01 02 sequence 77\n127.0.0.1 section 0 \"numbers\"\n"
                         "127.0.0.1 section 1 \"texts\"\n127.0.0.1 \"numbers\" #0 block 7 code 1 int 3735928559\n";
     EXPECT_EQ(out.substr(0, plain.size()), plain);
-    EXPECT_NE(out.find("\"texts\" #1 block 0 code 5 buffer 2500 " + dtcollect::Hex(kBlob) + "\n"), std::string::npos);
+    EXPECT_NE(out.find("\"texts\" #1 block 0 code 5 buffer 2500 " + dtcollect::Hex(kBlob) + "\n"), npos) << out;
+    EXPECT_NE(out.find("\n127.0.0.1 end: "), npos) << out;
     EXPECT_EQ(RunTool("--selftest 127.0.0.1", out, err), 0) << err;
-    EXPECT_NE(out.find("127.0.0.1 selftest \"texts\"\n127.0.0.1 \"texts\" #1 block 0 code 6 int 99\n"), std::string::npos) << out;
-    EXPECT_EQ(out.find("numbers"), std::string::npos);
-}
-
-TEST_F(DtcollectAgent, ADeviceFallingSilentIsReportedAfterWhatItSent) {
-    g_stallMs = 1500;
-    std::string out, err;
-    EXPECT_EQ(RunTool("--timeout 0.3 127.0.0.1", out, err), 1);
-    EXPECT_EQ(out, "127.0.0.1 identity 01 02 sequence 1\n127.0.0.1 section 0 \"numbers\"\n127.0.0.1 section 1 \"texts\"\n");
-    EXPECT_EQ(err, "dtcollect: 127.0.0.1: no data from the device for 0.3 s at byte offset 52\n");
-}
-
-TEST_F(DtcollectAgent, HostsRunInParallelAndOneFailureSparesTheOthers) {
-    int held = socket(AF_INET, SOCK_STREAM, 0);  // the third host's listening port is taken
+    EXPECT_NE(out.find("127.0.0.1 selftest \"texts\"\n127.0.0.1 \"texts\" #1 block 0 code 6 int 99\n"), npos) << out;
+    EXPECT_EQ(out.find("numbers"), npos) << out;
+    // Hosts run in parallel, and one failure spares the others: the third
+    // host's listening port is taken.
+    int held = socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in a{};
     a.sin_family = AF_INET;
     socklen_t len = sizeof a;
     ASSERT_EQ(bind(held, reinterpret_cast<sockaddr *>(&a), sizeof a), 0);
     ASSERT_EQ(listen(held, 1), 0);
     ASSERT_EQ(getsockname(held, reinterpret_cast<sockaddr *>(&a), &len), 0);
-    int port = ntohs(a.sin_port);
-    std::string out, err;
-    EXPECT_EQ(RunTool("--json --listen-port " + std::to_string(port - 2) + " 127.0.0.1 127.0.0.1 127.0.0.1", out, err), 1);
-    EXPECT_EQ(out, json_ + json_);
-    EXPECT_NE(err.find("dtcollect: 127.0.0.1: cannot listen on TCP port " + std::to_string(port)), std::string::npos) << err;
+    const std::string port = std::to_string(ntohs(a.sin_port));
+    EXPECT_EQ(RunTool("--json --listen-port " + std::to_string(ntohs(a.sin_port) - 2) + " 127.0.0.1 127.0.0.1 127.0.0.1",
+                      out, err), 1);
+    EXPECT_EQ(out, json + json);
+    EXPECT_NE(err.find("dtcollect: 127.0.0.1: cannot listen on TCP port " + port), npos) << err;
     close(held);
+    g_stallMs = 1500;
+    EXPECT_EQ(RunTool("--timeout 0.3 127.0.0.1", out, err), 1);
+    // The identity's sequence is the agent's running counter.
+    EXPECT_EQ(out.find("127.0.0.1 identity 01 02 sequence "), 0u) << out;
+    EXPECT_EQ(out.substr(out.find('\n') + 1), "127.0.0.1 section 0 \"numbers\"\n127.0.0.1 section 1 \"texts\"\n");
+    EXPECT_EQ(err, "dtcollect: 127.0.0.1: no data from the device for 0.3 s at byte offset 52\n");
 }
 
 }  // namespace

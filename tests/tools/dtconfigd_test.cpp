@@ -4,28 +4,30 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <sstream>
 #include <string>
 
 #include "config_core.h"
 #include "dtnetns.h"
 #include "net/DTConfig.h"
 #include "net/DTSock.h"
+#include "server.h"
 
 namespace {
 
-using dtconfigd::Config;
+const size_t npos = std::string::npos;
 
 TEST(DtconfigdFile, ReadsSectionsKeysAndValuesTrimmed) {
     const std::string text =
         "# lab settings\n\n[net]\n  mtu =  1500 \t\r\n"
         "name = a b # not a comment\n[ gw ]\nip=10.0.0.1\n[net]\n   # indented comment\nspeed = 100";
-    Config c;
+    dtconfigd::Config c;
     dtconfigd::FileError e;
     ASSERT_TRUE(dtconfigd::ParseConfig(text, c, e)) << e.line << ": " << e.what;
     EXPECT_EQ(*c.Find("net", "mtu"), "1500");
     EXPECT_EQ(*c.Find("net", "name"), "a b # not a comment");
     EXPECT_EQ(*c.Find("gw", "ip"), "10.0.0.1");
-    EXPECT_EQ(*c.Find("net", "speed"), "100");  // a reopened section gains keys
+    EXPECT_EQ(*c.Find("net", "speed"), "100") << "a reopened section gains keys";
     EXPECT_EQ(c.Values(), 4u);
 }
 
@@ -49,12 +51,12 @@ TEST(DtconfigdFile, RefusesEachMalformedLineWithItsNumber) {
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.text);
-        Config cfg;
+        dtconfigd::Config cfg;
         cfg.sections["old"]["k"] = "kept";
         dtconfigd::FileError e;
         EXPECT_FALSE(dtconfigd::ParseConfig(c.text, cfg, e));
         EXPECT_EQ(e.line, c.line);
-        EXPECT_NE(e.what.find(c.what), std::string::npos) << e.what;
+        EXPECT_NE(e.what.find(c.what), npos) << e.what;
         EXPECT_EQ(cfg.Values(), 1u);
     }
 }
@@ -84,7 +86,7 @@ TEST(DtconfigdRequest, SplitsSectionKeyAndDefault) {
         EXPECT_FALSE(dtconfigd::ParseRequest(b.data(), b.size(), r, why)) << b;
         EXPECT_FALSE(why.empty()) << b;
     }
-    EXPECT_EQ(dtconfigd::Printable("a\nb\\"), "a\\x0ab\\x5c");  // no forged log lines
+    EXPECT_EQ(dtconfigd::Printable("a\nb\\"), "a\\x0ab\\x5c") << "no forged log lines";
 }
 
 std::string TempFile(const std::string &text) {
@@ -95,12 +97,43 @@ std::string TempFile(const std::string &text) {
     return path;
 }
 
-// dtconfigd as a child process (under the emulator when cross-built), its
-// standard output and error in a file the test reads.
+// The exit statuses of the program before it serves: the program's whole
+// path but for main, driven in-process.
+TEST(DtconfigdProgram, RefusesAMalformedFileOrBadUsage) {
+    const std::string bad = TempFile("[net]\nmtu = 1\nmtu = 2\n");
+    const std::string good = TempFile("[net]\nmtu = 1\n");
+    const struct {
+        std::vector<std::string> args;
+        int status;
+        std::string err;
+    } cases[] = {
+        {{bad}, 1, "dtconfigd: " + bad + ":3: key \"mtu\" given twice"},
+        {{"--port", "70000", bad}, 2, "dtconfigd: bad value for --port: 70000\nusage: dtconfigd"},
+        {{"--bind", "", bad}, 2, "bad value for --bind: (empty)"},
+        {{"--port"}, 2, "--port needs a value"},
+        {{bad, bad}, 2, "more than one CONFIG-FILE given"},
+        {{}, 2, "no CONFIG-FILE given"},
+        {{"-x"}, 2, "unknown option -x"},
+        {{"/nonexistent"}, 1, "dtconfigd: /nonexistent: "},
+        {{"--bind", "192.0.2.1", good}, 1, "dtconfigd: cannot bind 192.0.2.1:8999: "},
+    };
+    for (const auto &c : cases) {
+        std::ostringstream out, err;
+        EXPECT_EQ(dtconfigd::Main(c.args, out, err), c.status) << c.err;
+        EXPECT_NE(err.str().find(c.err), npos) << err.str();
+    }
+    std::ostringstream out, err;
+    EXPECT_EQ(dtconfigd::Main({"-h"}, out, err), 0);
+    EXPECT_EQ(out.str().find("usage: dtconfigd"), 0u);
+    unlink(bad.c_str());
+    unlink(good.c_str());
+}
+
+// dtconfigd as a child process (under the emulator when cross-built) in the
+// server side of a namespace pair, its output in a file the test reads.
 struct Daemon {
     pid_t pid = -1;
     std::string log = TempFile("");
-    // `prefix` runs the program (e.g. in a namespace); `args` are the program's.
     void Start(const std::string &prefix, const std::string &args) {
         std::string cmd = "exec " + prefix + " " DTCONFIGD_COMMAND " " + args + " >" + log + " 2>&1";
         pid = fork();
@@ -118,13 +151,13 @@ struct Daemon {
         for (int i = 0;; ++i) {
             std::string l = Log();
             int n = 0;
-            for (size_t at = l.find(text); at != std::string::npos; at = l.find(text, at + 1)) ++n;
+            for (size_t at = l.find(text); at != npos; at = l.find(text, at + 1)) ++n;
             if (n >= atLeast || i == 400) return n;
             usleep(50 * 1000);
         }
     }
-    // Signal 0 only waits for the end; the exit code, or -1 after a signal.
-    int Stop(int sig = SIGTERM) {
+    // The exit code, or -1 after a signal.
+    int Stop(int sig) {
         int status = -1;
         if (pid > 0 && kill(pid, sig) == 0) waitpid(pid, &status, 0);
         pid = -1;
@@ -135,18 +168,6 @@ struct Daemon {
         unlink(log.c_str());
     }
 };
-
-TEST(DtconfigdProgram, RefusesAMalformedFileOrBadUsage) {
-    std::string bad = TempFile("[net]\nmtu = 1\nmtu = 2\n");
-    Daemon d1, d2;
-    d1.Start("timeout 20", bad);  // a file taken by mistake would serve forever
-    EXPECT_EQ(d1.Stop(0), 1);
-    EXPECT_NE(d1.Log().find(bad + ":3: key \"mtu\" given twice"), std::string::npos) << d1.Log();
-    d2.Start("timeout 20", "--port 70000 " + bad);
-    EXPECT_EQ(d2.Stop(0), 2);
-    EXPECT_NE(d2.Log().find("bad value for --port"), std::string::npos) << d2.Log();
-    unlink(bad.c_str());
-}
 
 TEST(DtconfigdNamespace, LibraryGettersFindTheServerByBroadcastThenAskDirectly) {
     dttest::NetnsPair ns;
@@ -182,7 +203,8 @@ TEST(DtconfigdNamespace, LibraryGettersFindTheServerByBroadcastThenAskDirectly) 
     EXPECT_EQ(DTSock_UDP_GetMessage(sock, addr, &port, buf, 12, 1000, 300), 0);
     EXPECT_EQ(d.Count("malformed request from 10.99.0.1:", 1), 1) << d.Log();
     DTSock_UDP_Close(sock);
-    EXPECT_EQ(d.Stop(), 0);
+    EXPECT_EQ(d.Stop(SIGTERM), 0);
+    EXPECT_EQ(d.Count("stopping on SIGTERM"), 1) << d.Log();
     unlink(conf.c_str());
 }
 
