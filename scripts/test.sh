@@ -1,9 +1,12 @@
 #!/usr/bin/env bash
 # Runs every test in three builds ("legs"): native, native with
 # AddressSanitizer and UndefinedBehaviorSanitizer, and cross-built for the
-# 32-bit big-endian PowerPC target under qemu-ppc.
-#   scripts/test.sh                 all three legs, as CI does
-#   scripts/test.sh --leg native    one leg: native, asan or ppc
+# 32-bit big-endian PowerPC target under qemu-ppc. Then two more legs: the
+# native tests with coverage, held to its floors (scripts/coverage.sh), and
+# every fuzz target for a few seconds (scripts/fuzz.sh; DTKIT_FUZZ_SECONDS,
+# default 3).
+#   scripts/test.sh                 every leg, as CI does
+#   scripts/test.sh --leg native    one leg: native, asan, ppc, coverage or fuzz
 # Installs missing packages when run as root; otherwise names them and stops.
 # The fault file is the board's /fcm.log when "/" is writable, else a file in
 # each leg's build directory.
@@ -12,14 +15,14 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 out=${DTKIT_BUILD_ROOT:-$root/build-ci}
 jobs=${DTKIT_JOBS:-2}
 
-usage() { echo "usage: $0 [--leg native|asan|ppc]"; }
-legs=(native asan ppc)
+usage() { echo "usage: $0 [--leg native|asan|ppc|coverage|fuzz]"; }
+legs=(native asan ppc coverage fuzz)
 while [ $# -gt 0 ]; do
   case $1 in
     --leg)
       [ $# -ge 2 ] || { echo "test.sh: --leg needs a leg name" >&2; usage >&2; exit 2; }
       case $2 in
-        native|asan|ppc) legs=("$2") ;;
+        native|asan|ppc|coverage|fuzz) legs=("$2") ;;
         *) echo "test.sh: unknown leg '$2'" >&2; usage >&2; exit 2 ;;
       esac
       shift 2 ;;
@@ -108,6 +111,24 @@ fi
 if wants ppc; then
   leg ppc -DCMAKE_BUILD_TYPE=RelWithDebInfo \
     -DCMAKE_TOOLCHAIN_FILE="$root/cmake/powerpc-linux-gnu.cmake" || status=1
+fi
+
+# A script leg counts as one check: it passes or it fails.
+script_leg() {
+  local name=$1; shift
+  echo "== leg $name"
+  local t0=$SECONDS
+  if "$@"; then
+    total_pass=$((total_pass + 1)); echo "== leg $name: passed ($((SECONDS - t0)) s)"
+  else
+    total_fail=$((total_fail + 1)); status=1; echo "== leg $name: failed ($((SECONDS - t0)) s)"
+  fi
+}
+if wants coverage; then
+  script_leg coverage "$root/scripts/coverage.sh"
+fi
+if wants fuzz; then
+  script_leg fuzz "$root/scripts/fuzz.sh" "${DTKIT_FUZZ_SECONDS:-3}"
 fi
 
 echo "dtkit: $total_pass passed, $total_fail failed"
