@@ -2,16 +2,10 @@
 # that replays its committed corpus: the seeds and every input that once found
 # a fault run in each build, the powerpc one included, and count for coverage.
 file(GLOB _replay_srcs CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/fuzz/*.cpp)
-set(_replay_libs dtkit_static)
-foreach(lib dtfcm_decode dtcollect_core dtconfigd_core)
-  if(TARGET ${lib})
-    list(APPEND _replay_libs ${lib})
-  endif()
-endforeach()
 foreach(src ${_replay_srcs})
   get_filename_component(name ${src} NAME_WE)
   add_executable(replay_${name} ${src} ${CMAKE_CURRENT_SOURCE_DIR}/support/fuzz_replay.cpp)
-  target_link_libraries(replay_${name} PRIVATE ${_replay_libs})
+  target_link_libraries(replay_${name} PRIVATE ${DTKIT_FUZZ_LIBS})
   target_compile_options(replay_${name} PRIVATE ${DTKIT_WARNINGS})
   add_test(NAME fuzz_replay_${name}
     COMMAND replay_${name} ${PROJECT_SOURCE_DIR}/fuzz/corpus/${name})
