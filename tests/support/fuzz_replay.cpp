@@ -3,6 +3,10 @@
 // ordinary test run, on every build (the powerpc one included). A target
 // reports a fault by aborting, which fails the test.
 //   replay_<target> FILE_OR_FOLDER...
+// A 32-bit build (the board's) must still list and stat files whose inode
+// numbers or offsets need 64 bits, as they do on large host file systems.
+#define _FILE_OFFSET_BITS 64
+
 #include <dirent.h>
 #include <sys/stat.h>
 
