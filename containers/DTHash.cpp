@@ -75,28 +75,12 @@ int ShowEach_(void *entry, void *table) {
 
 // Power-of-two tables (the usual choice) mask instead of dividing: the
 // result is the same remainder, without a divide on the lookup path.
+// The fields are read again after the call, so that only the table's
+// address has to survive it: fewer registers to save on every lookup.
 inline uint32_t BucketOf_(const DTHash *h, const void *key) {
+    uint32_t v = h->hashFn(key, h->keyLen, h->bucketCount);
     uint32_t n = h->bucketCount;
-    uint32_t v = h->hashFn(key, h->keyLen, n);
     return (n & (n - 1)) == 0 ? v & (n - 1) : v % n;
-}
-
-// Same bytes as DTHash_Cmp's memcmp, but the common key sizes become one or
-// two plain loads instead of a library call through a function pointer.
-inline bool SameKey_(const uint8_t *entry, const uint8_t *key, uint32_t len) {
-    if (len == 8) {
-        uint64_t a, b;
-        memcpy(&a, entry, 8);
-        memcpy(&b, key, 8);
-        return a == b;
-    }
-    if (len == 4) {
-        uint32_t a, b;
-        memcpy(&a, entry, 4);
-        memcpy(&b, key, 4);
-        return a == b;
-    }
-    return memcmp(entry, key, len) == 0;
 }
 
 // Hint to fetch the cache line around an address. Addresses are computed as
@@ -117,19 +101,48 @@ inline void PrefetchNode_(const DTListNode *node) {
 
 // The bucket walk of DTList_Find with DTHash_Cmp, done here over the node
 // layout so that each node costs its own load and its entry's, and nothing
-// else. Bucket lists only ever hold entries, never 0.
-inline uint8_t *FindEntry_(const DTHash *h, const DTList *list, const void *key) {
-    Prefetch_(list, 48);
-    Prefetch_(list, 96);
-    const uint8_t *k = static_cast<const uint8_t *>(key);
-    uint32_t len = h->keyLen;
-    for (const DTListNode *node = list->head; node; node = node->next) {
+// else. Bucket lists only ever hold entries, never 0. The common key sizes
+// compare as one plain load against a word read once; the same bytes as
+// DTHash_Cmp's memcmp, without a library call per node.
+template <typename Word>
+inline uint8_t *FindWord_(const DTListNode *node, const void *key) {
+    Word want;
+    memcpy(&want, key, sizeof want);
+    for (; node; node = node->next) {
         Prefetch_(node, -32);
         PrefetchNode_(node->next);
         uint8_t *entry = static_cast<uint8_t *>(node->item);
-        if (SameKey_(entry, k, len)) return entry;
+        Word have;
+        memcpy(&have, entry, sizeof have);
+        if (have == want) return entry;
     }
     return nullptr;
+}
+
+// Other key sizes, out of line so that the common sizes' walk needs no
+// more registers than it uses.
+__attribute__((noinline)) uint8_t *FindBytes_(const DTListNode *node, const void *key, uint32_t len) {
+    for (; node; node = node->next) {
+        Prefetch_(node, -32);
+        PrefetchNode_(node->next);
+        uint8_t *entry = static_cast<uint8_t *>(node->item);
+        if (memcmp(entry, key, len) == 0) return entry;
+    }
+    return nullptr;
+}
+
+inline uint8_t *FindEntry_(const DTHash *h, const DTList *list, const void *key) {
+    Prefetch_(list, 48);
+    Prefetch_(list, 96);
+    const DTListNode *head = list->head;
+    switch (h->keyLen) {
+    case 8:
+        return FindWord_<uint64_t>(head, key);
+    case 4:
+        return FindWord_<uint32_t>(head, key);
+    default:
+        return FindBytes_(head, key, h->keyLen);
+    }
 }
 
 // DTList_Push for a bucket list, which never has a limit: the node is made
@@ -184,7 +197,8 @@ DTHash *DTHash_New(uint32_t keyLen, uint32_t valueLen, uint32_t bucketCount, DTH
 int32_t DTHash_Set(DTHash *h, const void *key, const void *value) {
     if (!h || !key || !value || h->bucketCount == 0) return 0;
     // One hash serves both the search and a new bucket list.
-    DTHashBucket *bucket = &h->buckets[BucketOf_(h, key)];
+    uint32_t b = BucketOf_(h, key);
+    DTHashBucket *bucket = &h->buckets[b];
     DTList *list = bucket->list;
     if (list) {
         uint8_t *entry = FindEntry_(h, list, key);
@@ -214,7 +228,8 @@ int32_t DTHash_Get(DTHash *h, const void *key, void **value) {
     if (!h) return 0;
     uint8_t *entry = nullptr;
     if (key && h->bucketCount != 0) {
-        DTList *list = h->buckets[BucketOf_(h, key)].list;
+        uint32_t b = BucketOf_(h, key);
+        DTList *list = h->buckets[b].list;
         if (list) entry = FindEntry_(h, list, key);
     }
     if (value) *value = entry ? entry + h->keyLen : nullptr;
