@@ -6,7 +6,7 @@
 #   scripts/fuzz.sh [SECONDS]
 # One line per target: its executions and the result. Exits non-zero on any
 # crash, leak, timeout, memory blow-up or sanitizer report, naming the file
-# that holds the input. Reproduce with: <build>/fuzz/<target> <that file>.
+# that holds the input. Reproduce with: build-ci/fuzz/fuzz/<target> <that file>.
 # Installs missing packages when run as root; otherwise names them and stops.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
