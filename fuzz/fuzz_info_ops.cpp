@@ -111,6 +111,27 @@ uint32_t pickMax(Input &in) {
 // Would a record of n bytes be refused for size alone?
 bool tooBig(const Model &m, uint32_t n) { return m.maxsize != 0 && n > m.maxsize; }
 
+// What a write operation answers while the store ignores writes, when the
+// record cannot fit, and when it is stored.
+struct Answers {
+    int32_t ignored, refused, stored;
+};
+
+// Checks one write's answer against the store's rules and keeps the record in
+// the model when it was stored; true then. Messages are built only on failure.
+bool expectWrite(Model &m, int32_t r, bool unfit, Answers a, Rec rec, const char *what) {
+    const int32_t want = m.ignore ? a.ignored : unfit ? a.refused : a.stored;
+    if (r != want) {
+        const char *why = m.ignore ? "ignoring store gave the wrong answer to a "
+                          : unfit  ? "unfit, not refused: "
+                                   : "not stored whole: ";
+        check(false, (std::string(why) + what).c_str());
+    }
+    if (m.ignore || unfit) return false;
+    m.recs.push_back(std::move(rec));
+    return true;
+}
+
 HARNESS_LOOP bool allFree(const uint8_t *p, uint32_t n) {
     for (uint32_t i = 0; i < n; ++i)
         if (p[i] != 0xFF) return false;
@@ -292,15 +313,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
                 const uint8_t kl = uint8_t(k.size());
                 const int32_t r = DTInfo_Append(m.store, k.data(), kl, d.data(), uint16_t(d.size()));
                 const uint32_t n = 3u + kl + uint32_t(d.size());
-                if (m.ignore) {
-                    check(r == 0, "ignoring store did not answer 0");
-                } else if (k.size() != kl || kl == 255 || tooBig(m, n)) {
-                    check(r == -1, "unfit record not refused");
-                } else {
-                    check(r == int32_t(n), "record not stored whole");
-                    m.recs.push_back({k, d, false});
+                if (expectWrite(m, r, k.size() != kl || kl == 255 || tooBig(m, n), {0, -1, int32_t(n)}, {k, d, false},
+                                "record"))
                     mayErase = wrote = true;
-                }
                 break;
             }
             case 2: {  // text record: lengths modulo 256 and 65536
@@ -310,15 +325,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
                 k.resize(k.size() % 256);
                 d.resize(d.size() % 65536);
                 const uint32_t n = 3u + uint32_t(k.size() + d.size());
-                if (m.ignore) {
-                    check(r == 0, "ignoring store did not answer 0 to a text");
-                } else if (k.size() == 255 || tooBig(m, n)) {
-                    check(r == -1, "unfit text not refused");
-                } else {
-                    check(r == int32_t(n), "text not stored whole");
-                    m.recs.push_back({k, d, false});
+                if (expectWrite(m, r, k.size() == 255 || tooBig(m, n), {0, -1, int32_t(n)}, {k, d, false}, "text"))
                     mayErase = wrote = true;
-                }
                 break;
             }
             case 3: {  // two-part record
@@ -329,15 +337,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
                 const int32_t r = DTInfo_Append2Message(m.store, k.data(), kl, p1.data(), uint16_t(p1.size()),
                                                         p2.data(), uint16_t(p2.size()));
                 const uint32_t n = 3u + kl + uint32_t(p1.size() + p2.size());
-                if (m.ignore) {
-                    check(r == 1, "ignoring store did not answer 1 to two parts");
-                } else if (k.size() != kl || kl == 255 || p1.size() + p2.size() > 0xFFFF || tooBig(m, n)) {
-                    check(r == 0, "unfit two-part record not refused");
-                } else {
-                    check(r == 1, "two-part record not stored");
-                    m.recs.push_back({k, p1 + p2, false});
+                const bool unfit = k.size() != kl || kl == 255 || p1.size() + p2.size() > 0xFFFF || tooBig(m, n);
+                if (expectWrite(m, r, unfit, {1, 0, 1}, {k, p1 + p2, false}, "two-part record"))
                     mayErase = wrote = true;
-                }
                 break;
             }
             case 4: {  // packed by the host: PackPre makes room, the host fills it
