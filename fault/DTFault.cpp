@@ -1,7 +1,10 @@
 #include "fault/DTFault.h"
 
+#include <errno.h>
+#include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
+#include <unistd.h>
 
 #include "foundation/DTMem.h"
 #include "foundation/DTPrint.h"
@@ -9,6 +12,7 @@
 #include "platform/DTPlatform.h"
 #include "records/DTBuffer.h"
 #include "records/DTLogger_internal.h"
+#include "fault/DTFault_internal.h"
 
 extern "C" {
 DTList *g_DTFault_List;
@@ -17,6 +21,7 @@ DTLogger *g_fcm_logger;
 }
 
 static int32_t bRunning;
+uint32_t DTFault_durable_;
 
 namespace {
 
@@ -79,31 +84,18 @@ void showLine_(const char *format, const char *name) {
 
 DTInfo *storeOf_(DTLogger *logger) { return logger ? logger->store : nullptr; }
 
-void putBE16_(FILE *f, uint32_t v) {
-    uint8_t b[2] = {static_cast<uint8_t>(v >> 8), static_cast<uint8_t>(v)};
-    fwrite(b, 1, 2, f);
-}
-
-void saveLog_(DTFaultRecord *fault, DTLogger *logger, const char *marker, FILE *f) {
+void saveLog_(DTFaultRecord *fault, DTLogger *logger, const char *marker, DTFaultOut *o) {
     DTInfo *store = storeOf_(logger);
     if (store == nullptr) return;
     uint32_t n = static_cast<uint32_t>(strlen(fault->name));
     uint32_t cursor = DTINFO_START;
     void *data;
     uint16_t d;
-    while (DTInfo_Get(store, nullptr, 0, &cursor, nullptr, nullptr, &data, &d)) {
-        uint32_t len = d + 2 + n + 3;
-        if (len > 0xFFFF) continue;
-        putBE16_(f, len);
-        fwrite(marker, 1, 3, f);
-        fputc(' ', f);
-        fwrite(fault->name, 1, n, f);
-        fputc(' ', f);
-        fwrite(data, 1, d, f);
-    }
+    while (DTInfo_Get(store, nullptr, 0, &cursor, nullptr, nullptr, &data, &d))
+        DTFault_PutLog_(o, marker, fault->name, n, data, d);
 }
 
-void saveValues_(FILE *f) {
+void saveValues_(DTFaultOut *o) {
     uint32_t cursor = DTINFO_START;
     void *key;
     uint8_t keyLen;
@@ -114,16 +106,25 @@ void saveValues_(FILE *f) {
         const uint8_t *k = static_cast<const uint8_t *>(key);
         DTFaultRecord *fault = static_cast<DTFaultRecord *>(DTList_Get(g_DTFault_List, k[1]));
         if (fault == nullptr) continue;
-        uint32_t n = static_cast<uint32_t>(strlen(fault->name));
-        uint32_t len = d + 1 + n + 1;
-        if (len > 0xFFFF) continue;
-        putBE16_(f, len);
-        fputc(static_cast<int>(n + 1), f);
-        fputc(k[0], f);
-        fwrite(fault->name, 1, n, f);
-        fwrite(data, 1, d, f);
+        DTFault_PutValue_(o, k[0], fault->name, static_cast<uint32_t>(strlen(fault->name)), data, d);
     }
 }
+
+// The directory that holds the fault file, so that a rename into it can be
+// made durable too.
+void syncDir_() {
+    char dir[sizeof DTFAULT_FILE + 1];
+    memcpy(dir, DTFAULT_FILE, sizeof DTFAULT_FILE);
+    char *slash = strrchr(dir, '/');
+    if (slash == nullptr) memcpy(dir, ".", 2);
+    else slash[slash == dir ? 1 : 0] = '\0';
+    int fd = open(dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) return;
+    fsync(fd);
+    close(fd);
+}
+
+const char kTempFile[] = DTFAULT_FILE ".tmp";
 
 DTFaultRecord *faultAt_(int32_t pos) {
     return static_cast<DTFaultRecord *>(DTList_Get(g_DTFault_List, pos));
@@ -236,20 +237,120 @@ void DTFault_Start(void) {
     }
     // A file that cannot be opened leaves the module saving for good: the
     // values stay in the store for whoever looks at the device next.
-    FILE *f = fopen(DTFAULT_FILE, "wb");
-    if (f == nullptr) return;
+    uint8_t buf[4096];
+    DTFaultOut o = {nullptr, -1, buf, sizeof buf, 0};
+    if (DTFault_durable_ != 0) {
+        o.fd = DTFault_OpenFd_();
+        if (o.fd < 0) return;
+    } else {
+        o.file = fopen(DTFAULT_FILE, "wb");
+        if (o.file == nullptr) return;
+    }
     for (int32_t i = 0; i < n; ++i) {
         DTFaultRecord *fault = faultAt_(i);
         if (fault == nullptr) continue;
-        saveLog_(fault, fault->initLog, "log", f);
-        saveLog_(fault, fault->runLog, "run", f);
+        saveLog_(fault, fault->initLog, "log", &o);
+        saveLog_(fault, fault->runLog, "run", &o);
     }
-    putBE16_(f, 0);
-    saveValues_(f);
-    fclose(f);
-    DTInfo_Release(g_DTFault_Info);
+    DTFault_OutBE16_(&o, 0);
+    saveValues_(&o);
+    if (o.file != nullptr) fclose(o.file);
+    else DTFault_CloseFd_(&o);
+    // Unhooked before it is released: a crash from here on must not walk a
+    // store that is already gone.
+    DTInfo *values = g_DTFault_Info;
     g_DTFault_Info = nullptr;
+    DTInfo_Release(values);
     bRunning = 0;
+}
+
+void DTFault_SetDurable(uint32_t on) { DTFault_durable_ = on != 0; }
+
+void DTFault_OutBytes_(DTFaultOut *o, const void *p, uint32_t n) {
+    if (o->file != nullptr) {
+        fwrite(p, 1, n, o->file);
+        return;
+    }
+    const uint8_t *b = static_cast<const uint8_t *>(p);
+    while (n > 0) {
+        if (o->used == o->size) DTFault_OutFlush_(o);
+        uint32_t room = o->size - o->used;
+        uint32_t take = n < room ? n : room;
+        memcpy(o->buf + o->used, b, take);
+        o->used += take;
+        b += take;
+        n -= take;
+    }
+}
+
+void DTFault_OutByte_(DTFaultOut *o, uint32_t c) {
+    if (o->file != nullptr) {
+        fputc(static_cast<int>(c & 0xFF), o->file);
+        return;
+    }
+    uint8_t b = static_cast<uint8_t>(c);
+    DTFault_OutBytes_(o, &b, 1);
+}
+
+void DTFault_OutBE16_(DTFaultOut *o, uint32_t v) {
+    uint8_t b[2] = {static_cast<uint8_t>(v >> 8), static_cast<uint8_t>(v)};
+    DTFault_OutBytes_(o, b, 2);
+}
+
+bool DTFault_OutFlush_(DTFaultOut *o) {
+    uint32_t at = 0;
+    while (at < o->used && o->fd >= 0) {
+        ssize_t w = write(o->fd, o->buf + at, o->used - at);
+        if (w > 0) at += static_cast<uint32_t>(w);
+        else if (w < 0 && errno == EINTR) continue;
+        else o->fd = -2 - o->fd;  // still closable, but nothing more is written
+    }
+    o->used = 0;
+    return o->fd >= 0;
+}
+
+void DTFault_PutLog_(DTFaultOut *o, const char *marker, const char *name, uint32_t n,
+                     const void *data, uint32_t d) {
+    uint32_t len = d + 2 + n + 3;
+    if (len > 0xFFFF) return;
+    DTFault_OutBE16_(o, len);
+    DTFault_OutBytes_(o, marker, 3);
+    DTFault_OutByte_(o, ' ');
+    DTFault_OutBytes_(o, name, n);
+    DTFault_OutByte_(o, ' ');
+    DTFault_OutBytes_(o, data, d);
+}
+
+void DTFault_PutValue_(DTFaultOut *o, uint32_t kind, const char *name, uint32_t n,
+                       const void *data, uint32_t d) {
+    uint32_t len = d + 1 + n + 1;
+    if (len > 0xFFFF) return;
+    DTFault_OutBE16_(o, len);
+    DTFault_OutByte_(o, n + 1);
+    DTFault_OutByte_(o, kind);
+    DTFault_OutBytes_(o, name, n);
+    DTFault_OutBytes_(o, data, d);
+}
+
+int DTFault_OpenFd_(void) {
+    const char *path = DTFault_durable_ != 0 ? kTempFile : DTFAULT_FILE;
+    return open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+}
+
+bool DTFault_CloseFd_(DTFaultOut *o) {
+    bool ok = DTFault_OutFlush_(o);
+    int fd = ok ? o->fd : -2 - o->fd;
+    if (DTFault_durable_ == 0) return close(fd) == 0 && ok;
+    // Until the rename the previous file stays whole; the data must reach the
+    // disk before the name does, and the name before the save returns.
+    ok = ok && fsync(fd) == 0;
+    ok = close(fd) == 0 && ok;
+    if (!ok || rename(kTempFile, DTFAULT_FILE) != 0) {
+        unlink(kTempFile);
+        return false;
+    }
+    syncDir_();
+    return true;
 }
 
 }  // extern "C"

@@ -91,6 +91,30 @@ int32_t DTFault_SetValue(DTFaultRecord *fault, uint32_t id, const void *data, ui
  * reader never loses its place. */
 void DTFault_Start(void);
 
+/* Saves the fault file from memory when the process dies by SIGSEGV, SIGBUS, SIGILL, SIGFPE
+ * or SIGABRT, with a stamp and a "crash: SIG..." record at the end of fault's run log; then
+ * the previous disposition is restored and the process dies by the same signal. 0 when the
+ * handlers are in place, -1 for a null fault or when they cannot be. A second call only
+ * changes the fault named. No save callback runs.
+ * Choice: the alternate stack (32 KiB) and the save's buffer (68 KiB) are one accounted block
+ * (owner 0), made by the first call and kept for the process's life, so nothing is counted
+ * until a host switches this on; a thread that already has an alternate stack keeps its own,
+ * and threads other than the caller run the handler on their own stacks.
+ * Choice: the stamp's local time uses the UTC offset in force at this call.
+ * Choice: the first crashing thread writes; another thread crashing meanwhile waits for it
+ * (at most 10 s) and then dies by its own signal. A crash save switches the handlers off.
+ * Choice: for a signal the process sent itself (abort, raise, kill) the address reads 0. */
+int32_t DTFault_SaveOnCrash(DTFaultRecord *fault);
+/* Puts back the handlers found by DTFault_SaveOnCrash; the alternate stack stays. */
+void DTFault_SaveOnCrashOff(void);
+/* While on (nonzero), every save, normal or crash, writes DTFAULT_FILE ".tmp" beside the
+ * fault file, flushes it (fsync), renames it over the fault file and flushes the directory.
+ * Choice: a temporary file that cannot be made counts as a fault file that cannot be
+ * created (DTFault_Start then stays saving for good, the values stay); a failed write, flush
+ * or rename removes the temporary file, leaves the previous fault file whole, and the save
+ * otherwise completes, as a short write does today. */
+void DTFault_SetDurable(uint32_t on);
+
 #ifdef __cplusplus
 }
 #endif

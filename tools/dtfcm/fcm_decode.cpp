@@ -18,6 +18,9 @@ const char kUsage[] =
     "Prints the records of a fault file (default " DTFAULT_FILE "), one line each.\n"
     "  --json   one JSON object per line instead, for scripts\n"
     "  --help   this text\n"
+    "  --version  the version, one line\n"
+    "A run-log record \"crash: SIG... signal N addr 0x... pc 0x...\", after its time stamp,\n"
+    "is what the library saved when the process died by that signal; --json marks it.\n"
     "Log records do not store the length of the fault name. The name is taken as the\n"
     "longest name carried by the file's value records that is followed by a space;\n"
     "when none matches, as the text up to the first space.\n"
@@ -204,6 +207,36 @@ Result Decode(const std::vector<uint8_t> &f) {
     return res;
 }
 
+bool ParseCrash(const std::string &text, Crash &c) {
+    // "crash: SIGSEGV signal 11 addr 0x00000010 pc 0x1000abcd", pc only where the board's
+    // signal context gives one.
+    static const char *const kNames[] = {"SIGSEGV", "SIGBUS", "SIGILL", "SIGFPE", "SIGABRT"};
+    const std::string head = "crash: ";
+    if (text.compare(0, head.size(), head) != 0) return false;
+    size_t at = head.size();
+    auto word = [&](std::string &out) {
+        size_t end = text.find(' ', at);
+        out = text.substr(at, end == std::string::npos ? std::string::npos : end - at);
+        at = end == std::string::npos ? text.size() : end + 1;
+        return !out.empty();
+    };
+    auto hexWord = [&](std::string &out) {
+        return word(out) && out.size() > 2 && out.compare(0, 2, "0x") == 0 &&
+               out.find_first_not_of("0123456789abcdef", 2) == std::string::npos;
+    };
+    std::string key, number;
+    if (!word(c.signal) || !word(key) || key != "signal" || !word(number)) return false;
+    if (number.size() > 3 || number.find_first_not_of("0123456789") != std::string::npos) return false;
+    bool known = false;
+    for (const char *n : kNames) known = known || c.signal == n;
+    if (!known) return false;
+    c.number = std::stoi(number);
+    if (!word(key) || key != "addr" || !hexWord(c.addr)) return false;
+    c.pc.clear();
+    if (at >= text.size()) return true;
+    return word(key) && key == "pc" && hexWord(c.pc) && at >= text.size();
+}
+
 std::string FormatText(const Record &r) {
     if (r.section == 1) return "1 " + r.marker + " " + printable(r.name) + ": " + printable(r.text);
     char t[64];
@@ -220,8 +253,14 @@ std::string FormatText(const Record &r) {
 
 std::string FormatJson(const Record &r) {
     std::string s = "{\"section\":" + std::to_string(r.section) + ",\"offset\":" + std::to_string(r.offset);
-    if (r.section == 1)
-        return s + ",\"marker\":" + json(r.marker) + ",\"name\":" + json(r.name) + ",\"text\":" + json(r.text) + "}";
+    if (r.section == 1) {
+        s += ",\"marker\":" + json(r.marker) + ",\"name\":" + json(r.name) + ",\"text\":" + json(r.text);
+        Crash c;
+        if (r.marker != "run" || !ParseCrash(r.text, c)) return s + "}";
+        s += ",\"crash\":{\"signal\":" + json(c.signal) + ",\"number\":" + std::to_string(c.number) +
+             ",\"addr\":" + json(c.addr);
+        return s + (c.pc.empty() ? "" : ",\"pc\":" + json(c.pc)) + "}}";
+    }
     s += ",\"kind\":" + json(KindName(r.kind)) + ",\"code\":" + std::to_string(r.kind) + ",\"name\":" + json(r.name) +
          ",\"id\":" + std::to_string(r.id);
     if (r.kind == 2 || r.kind == 5 || r.kind == 6) return s + ",\"bytes\":\"" + hex(r.bytes, "") + "\"}";
@@ -233,6 +272,7 @@ int Main(const std::vector<std::string> &args, std::ostream &out, std::ostream &
     std::string path;
     for (const auto &a : args) {
         if (a == "--help" || a == "-h") { out << kUsage; return 0; }
+        if (a == "--version") { out << "dtfcm (dtkit) " DTKIT_VERSION "\n"; return 0; }
         if (a == "--json") asJson = true;
         else if (!a.empty() && a[0] == '-') { err << "dtfcm: unknown option " << a << "\n" << kUsage; return 2; }
         else if (path.empty()) path = a;

@@ -28,10 +28,21 @@ struct Result {
     std::string error;            // empty when the whole file decoded
 };
 
+// What a crash record's text says (see ParseCrash).
+struct Crash {
+    std::string signal;  // "SIGSEGV", ...
+    int number = 0;
+    std::string addr;    // "0x..."
+    std::string pc;      // "0x...", empty where the record gives none
+};
+
 Result Decode(const std::vector<uint8_t> &file);
 // The whole file; false with the reason when it is not a readable regular file.
 bool ReadFile(const std::string &path, std::vector<uint8_t> &file, std::string &error);
 const char *KindName(int kind);
+// True when a run-log text is the record the library writes on a crash:
+// "crash: SIG<name> signal <n> addr 0x<hex>[ pc 0x<hex>]", nothing more.
+bool ParseCrash(const std::string &text, Crash &crash);
 std::string FormatText(const Record &r);
 std::string FormatJson(const Record &r);
 // The whole program: arguments without the program name. Returns the exit status.

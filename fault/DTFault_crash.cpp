@@ -1,0 +1,482 @@
+// The fault file written from a signal handler: only async-signal-safe calls,
+// no allocation, no lock, and every pointer and length of the stores it walks
+// checked first, since the crash may have damaged them.
+#include <errno.h>
+#include <setjmp.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <ucontext.h>
+#include <unistd.h>
+
+#include "containers/DTList_internal.h"
+#include "fault/DTFault.h"
+#include "fault/DTFault_internal.h"
+#include "foundation/DTMem.h"
+#include "records/DTLogger_internal.h"
+
+namespace {
+
+const int kSignals[] = {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT};
+const char kSignalNames[][8] = {"SIGSEGV", "SIGBUS", "SIGILL", "SIGFPE", "SIGABRT"};
+const int kSignalCount = 5;
+const uint32_t kStackSize = 32768;
+// A file record is at most 2 + 65535 bytes, so any record fits once the
+// buffer is flushed: a record is put whole or not at all.
+const uint32_t kBufSize = 69632;
+const uint32_t kHeader = 4;         // the accounted block's size word
+const uint32_t kBlockHeader = 8;    // DTMemBlock's size and isStatic words
+const uint32_t kMaxFaults = 65536;  // the list walk's bound, whatever its count says
+const int kWaitSteps = 1000;        // 10 ms each: how long a second crashing thread waits
+
+struct sigaction sg_old[kSignalCount];
+bool sg_installed;
+uint8_t *sg_block;  // alternate stack, then the save's buffer
+DTFaultRecord *volatile sg_named;
+char sg_namedName[DTFAULT_NAME_SIZE];
+uint32_t sg_namedLen;
+long sg_utcOffset;
+
+// The thread writing the file (its id), and whether it has finished.
+int sg_writer;
+int sg_done;
+int sg_signal;  // the writer's signal: a fault inside the save ends the process by it
+sigjmp_buf sg_guard;
+volatile int sg_guarding;
+
+// Faults by list position, for the value records' index byte.
+DTFaultRecord *sg_byIndex[256];
+uint8_t sg_nameLen[256];
+
+uint32_t be16_(const uint8_t *p) { return (uint32_t(p[0]) << 8) | p[1]; }
+
+uint32_t word_(const void *p) {
+    uint32_t v;
+    memcpy(&v, p, sizeof v);
+    return v;
+}
+
+// A block the accounted allocator made for exactly size bytes: the size word
+// in front of it says so. Anything else is not what the store's owner made.
+// An address a block can have: not in the first page, 4-byte aligned.
+bool addr_(const void *p) {
+    uintptr_t a = reinterpret_cast<uintptr_t>(p);
+    return a >= 4096 && (a & 3) == 0;
+}
+
+__attribute__((no_sanitize("address"))) bool block_(const void *p, uint32_t size) {
+    if (!addr_(p) || reinterpret_cast<uintptr_t>(p) + size < reinterpret_cast<uintptr_t>(p)) return false;
+    return word_(static_cast<const uint8_t *>(p) - kHeader) == size;
+}
+
+uint32_t nameLen_(const DTFaultRecord *f) {
+    const char *name = f->name;
+    uint32_t n = 0;
+    while (n < DTFAULT_NAME_SIZE - 1 && name[n] != '\0') ++n;
+    return n;
+}
+
+// Runs one step under the guard: a fault inside it comes back here instead of
+// ending the process, and the half-built record is dropped.
+bool guarded_(void (*step)(void *), void *ctx, DTFaultOut *o) {
+    volatile uint32_t mark = o->used;
+    if (sigsetjmp(sg_guard, 0) != 0) {
+        sg_guarding = 0;
+        o->used = mark;
+        return false;
+    }
+    sg_guarding = 1;
+    step(ctx);
+    sg_guarding = 0;
+    return true;
+}
+
+// Room for a whole record before any byte of it goes in, so that a guarded
+// fault can take the record back out.
+void reserve_(DTFaultOut *o, uint32_t n) {
+    if (o->size - o->used < n) DTFault_OutFlush_(o);
+}
+
+struct StoreWalk {
+    DTFaultOut *o;
+    DTInfo *store;
+    const char *marker;  // null: value records
+    const char *name;
+    uint32_t n;
+};
+
+__attribute__((no_sanitize("address"))) void putRecord_(StoreWalk *w, const uint8_t *key, uint32_t h,
+                                                        const uint8_t *data, uint32_t d) {
+    if (w->marker != nullptr) {
+        reserve_(w->o, 7 + w->n + d);
+        DTFault_PutLog_(w->o, w->marker, w->name, w->n, data, d);
+        return;
+    }
+    if (h != 2 || sg_byIndex[key[1]] == nullptr) return;
+    DTFaultRecord *f = sg_byIndex[key[1]];
+    uint32_t n = sg_nameLen[key[1]];
+    reserve_(w->o, 4 + n + d);
+    DTFault_PutValue_(w->o, key[0], f->name, n, data, d);
+}
+
+// The records of [at, end) in order. false at the first one that does not fit
+// the area, or at a free mark before end when the chain must reach end.
+__attribute__((no_sanitize("address"))) bool walkRun_(StoreWalk *w, const uint8_t *area, uint32_t at,
+                                                      uint32_t end, bool toMark) {
+    while (at < end) {
+        if (area[at] == 0xFF) return toMark;
+        uint32_t h = area[at];
+        if (end - at < 3 + h) return false;
+        uint32_t d = be16_(area + at + 1 + h);
+        if (end - at - 3 - h < d) return false;
+        putRecord_(w, area + at + 1, h, area + at + 3 + h, d);
+        at += 3 + h + d;
+    }
+    return at == end;
+}
+
+// The store's records oldest first, as its own walk gives them, after its
+// header has been checked against the block it lives in.
+__attribute__((no_sanitize("address"))) void walkStore_(void *ctx) {
+    StoreWalk *w = static_cast<StoreWalk *>(ctx);
+    DTInfo *s = w->store;
+    if (s == nullptr || !block_(s, sizeof(DTInfo))) return;
+    DTMemBlock *m = s->memory;
+    if (!addr_(m) || !block_(m, kBlockHeader + m->size) || m->isStatic != 0) return;
+    uint32_t cap = m->size, free = s->freeAddr, use = s->useAddr, room = s->freesize;
+    if (free > cap || use >= cap || room > cap - free) return;
+    if (use == free && room != 0) return;  // empty
+    const uint8_t *area = m->data;
+    if (use < free) {
+        walkRun_(w, area, use, free, false);
+        return;
+    }
+    // Wrapped: from the oldest record to the free mark or the area's end, then
+    // from the start up to where the next record goes.
+    if (walkRun_(w, area, use, cap, true)) walkRun_(w, area, 0, free, false);
+}
+
+struct LogPass {
+    DTFaultOut *o;
+    DTListNode *node;
+    uint32_t pos;
+    DTFaultRecord *fault;
+};
+
+// One list node: its fault, when both are what the registry made.
+__attribute__((no_sanitize("address"))) void readNode_(void *ctx) {
+    LogPass *p = static_cast<LogPass *>(ctx);
+    DTListNode *node = p->node;
+    p->node = nullptr;
+    p->fault = nullptr;
+    if (!block_(node, sizeof(DTListNode))) return;
+    DTFaultRecord *f = static_cast<DTFaultRecord *>(node->item);
+    p->node = node->next;
+    if (!block_(f, sizeof(DTFaultRecord))) return;
+    p->fault = f;
+    if (p->pos < 256) {
+        sg_byIndex[p->pos] = f;
+        sg_nameLen[p->pos] = static_cast<uint8_t>(nameLen_(f));
+    }
+}
+
+__attribute__((no_sanitize("address"))) DTInfo *storeOf_(DTLogger *logger) {
+    if (!block_(logger, sizeof(DTLogger))) return nullptr;
+    return logger->store;
+}
+
+struct LoggerStep {
+    StoreWalk *w;
+    DTLogger *logger;
+};
+
+void walkLogger_(void *ctx) {
+    LoggerStep *s = static_cast<LoggerStep *>(ctx);
+    s->w->store = storeOf_(s->logger);
+    walkStore_(s->w);
+}
+
+// Stamp and text, as a logged line of the named fault's run log reads.
+void putCrash_(DTFaultOut *o, const char *stamp, const char *text, uint32_t len) {
+    reserve_(o, 7 + sg_namedLen + 15 + 7 + sg_namedLen + len);
+    DTFault_PutLog_(o, "run", sg_namedName, sg_namedLen, stamp, 15);
+    DTFault_PutLog_(o, "run", sg_namedName, sg_namedLen, text, len);
+}
+
+// Section 1: every fault's init and run log, the crash record after the named
+// fault's run log (or, when the walk never meets it, after the last log).
+__attribute__((no_sanitize("address"))) void logPass_(DTFaultOut *o, const char *stamp, const char *text,
+                                                      uint32_t len) {
+    memset(sg_byIndex, 0, sizeof sg_byIndex);
+    bool crashPut = false;
+    DTList *list = g_DTFault_List;
+    LogPass p = {o, nullptr, 0, nullptr};
+    uint32_t count = 0;
+    if (list != nullptr && block_(list, sizeof(DTList))) {
+        p.node = list->head;
+        count = static_cast<uint32_t>(list->count);
+    }
+    if (count > kMaxFaults) count = kMaxFaults;
+    for (; p.pos < count && p.node != nullptr; ++p.pos) {
+        if (!guarded_(readNode_, &p, o)) break;
+        DTFaultRecord *f = p.fault;
+        if (f == nullptr) continue;
+        StoreWalk w = {o, nullptr, "log", f->name, nameLen_(f)};
+        LoggerStep init = {&w, f->initLog};
+        guarded_(walkLogger_, &init, o);
+        w.marker = "run";
+        LoggerStep run = {&w, f->runLog};
+        guarded_(walkLogger_, &run, o);
+        if (f == sg_named && !crashPut) {
+            putCrash_(o, stamp, text, len);
+            crashPut = true;
+        }
+    }
+    if (!crashPut) putCrash_(o, stamp, text, len);
+}
+
+void valuePass_(void *ctx) {
+    StoreWalk *w = static_cast<StoreWalk *>(ctx);
+    w->store = g_DTFault_Info;
+    walkStore_(w);
+}
+
+// Numbers by hand: the formatting functions are not safe in a handler.
+uint32_t putText_(char *out, const char *s) {
+    uint32_t n = 0;
+    while (s[n] != '\0') {
+        out[n] = s[n];
+        ++n;
+    }
+    return n;
+}
+
+uint32_t putDec_(char *out, uint32_t v, uint32_t width) {
+    char digits[10];
+    uint32_t n = 0;
+    do {
+        digits[n++] = static_cast<char>('0' + v % 10);
+        v /= 10;
+    } while (v != 0);
+    uint32_t len = 0;
+    for (; len + n < width; ++len) out[len] = '0';
+    while (n > 0) out[len++] = digits[--n];
+    return len;
+}
+
+uint32_t putHex_(char *out, uintptr_t v) {
+    const uint32_t digits = 2 * sizeof v;
+    out[0] = '0';
+    out[1] = 'x';
+    for (uint32_t i = 0; i < digits; ++i)
+        out[2 + i] = "0123456789abcdef"[(v >> (4 * (digits - 1 - i))) & 0xF];
+    return 2 + digits;
+}
+
+// "MM/DD HH:MI:SS ", the logger's own stamp, in the local time of the call
+// that switched this on.
+void stamp_(char *out) {
+    struct timespec ts = {0, 0};
+    clock_gettime(CLOCK_REALTIME, &ts);
+    int64_t t = static_cast<int64_t>(ts.tv_sec) + sg_utcOffset;
+    int64_t days = t / 86400;
+    int64_t secs = t % 86400;
+    if (secs < 0) {
+        secs += 86400;
+        days -= 1;
+    }
+    // Days since 1970-01-01 to month and day, in 400-year eras from 0000-03-01.
+    int64_t z = days + 719468;
+    int64_t era = (z >= 0 ? z : z - 146096) / 146097;
+    uint32_t doe = static_cast<uint32_t>(z - era * 146097);
+    uint32_t yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
+    uint32_t doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
+    uint32_t mp = (5 * doy + 2) / 153;
+    uint32_t day = doy - (153 * mp + 2) / 5 + 1;
+    uint32_t month = mp < 10 ? mp + 3 : mp - 9;
+    uint32_t s = static_cast<uint32_t>(secs);
+    const uint32_t fields[5] = {month, day, s / 3600, s / 60 % 60, s % 60};
+    const char seps[5] = {'/', ' ', ':', ':', ' '};
+    for (int i = 0; i < 5; ++i) {
+        putDec_(out + 3 * i, fields[i], 2);
+        out[3 * i + 2] = seps[i];
+    }
+}
+
+uintptr_t pc_(const void *context) {
+    if (context == nullptr) return 0;
+    const ucontext_t *uc = static_cast<const ucontext_t *>(context);
+#if defined(__x86_64__)
+    return static_cast<uintptr_t>(uc->uc_mcontext.gregs[REG_RIP]);
+#elif defined(__i386__)
+    return static_cast<uintptr_t>(uc->uc_mcontext.gregs[REG_EIP]);
+#elif defined(__powerpc__) && !defined(__powerpc64__)
+    return static_cast<uintptr_t>(uc->uc_mcontext.uc_regs->gregs[32]);  // the next instruction pointer
+#else
+    (void)uc;
+    return 0;
+#endif
+}
+
+bool hasPc_() {
+#if defined(__x86_64__) || defined(__i386__) || (defined(__powerpc__) && !defined(__powerpc64__))
+    return true;
+#else
+    return false;
+#endif
+}
+
+// "crash: SIGSEGV signal 11 addr 0x... pc 0x...": pc only where the signal
+// context gives it.
+uint32_t crashText_(char *out, int sig, const siginfo_t *info, const void *context) {
+    uint32_t len = putText_(out, "crash: ");
+    const char *name = "SIG?";
+    for (int i = 0; i < kSignalCount; ++i)
+        if (kSignals[i] == sig) name = kSignalNames[i];
+    len += putText_(out + len, name);
+    len += putText_(out + len, " signal ");
+    len += putDec_(out + len, static_cast<uint32_t>(sig), 1);
+    len += putText_(out + len, " addr ");
+    uintptr_t addr = info != nullptr && info->si_code > 0 ? reinterpret_cast<uintptr_t>(info->si_addr) : 0;
+    len += putHex_(out + len, addr);
+    if (hasPc_()) {
+        len += putText_(out + len, " pc ");
+        len += putHex_(out + len, pc_(context));
+    }
+    return len;
+}
+
+int slot_(int sig) {
+    for (int i = 0; i < kSignalCount; ++i)
+        if (kSignals[i] == sig) return i;
+    return -1;
+}
+
+void restoreAll_() {
+    for (int i = 0; i < kSignalCount; ++i) sigaction(kSignals[i], &sg_old[i], nullptr);
+    sg_installed = false;
+}
+
+// The process dies as it would have without us: the previous disposition
+// back, then the signal again. A fault the hardware raised comes back by
+// itself when the instruction runs again, so a host's earlier handler sees
+// its own address and context; a sent signal is sent again.
+void passOn_(int sig, const siginfo_t *info) {
+    int i = slot_(sig);
+    bool hostHandler = false;
+    if (i >= 0) {
+        const struct sigaction &old = sg_old[i];
+        hostHandler = (old.sa_flags & SA_SIGINFO) != 0 ||
+                      (old.sa_handler != SIG_DFL && old.sa_handler != SIG_IGN);
+    }
+    if (hostHandler && info != nullptr && info->si_code > 0) return;
+    raise(sig);
+}
+
+// A fault inside the save: the process ends by the signal that started it.
+void dieByOriginal_() {
+    struct sigaction dfl;
+    memset(&dfl, 0, sizeof dfl);
+    dfl.sa_handler = SIG_DFL;
+    sigemptyset(&dfl.sa_mask);
+    sigaction(sg_signal, &dfl, nullptr);
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, sg_signal);
+    sigprocmask(SIG_UNBLOCK, &set, nullptr);
+    raise(sg_signal);
+    _exit(128 + sg_signal);
+}
+
+void onSignal_(int sig, siginfo_t *info, void *context) {
+    int saved = errno;
+    int self = static_cast<int>(syscall(SYS_gettid));
+    int expected = 0;
+    if (!__atomic_compare_exchange_n(&sg_writer, &expected, self, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE)) {
+        if (expected == self) {
+            if (sg_guarding != 0) siglongjmp(sg_guard, 1);
+            dieByOriginal_();
+        }
+        // Another thread is writing: one writer only. It ends the process when
+        // it is done; should it not, this thread dies by its own signal.
+        struct timespec step = {0, 10000000};
+        for (int i = 0; i < kWaitSteps && __atomic_load_n(&sg_done, __ATOMIC_ACQUIRE) == 0; ++i)
+            nanosleep(&step, nullptr);
+        passOn_(sig, info);
+        errno = saved;
+        return;
+    }
+    sg_signal = sig;
+    DTFault_CrashSave_(sig, info, context);
+    restoreAll_();
+    __atomic_store_n(&sg_done, 1, __ATOMIC_RELEASE);
+    passOn_(sig, info);
+    errno = saved;
+}
+
+}  // namespace
+
+extern "C" {
+
+void DTFault_CrashSave_(int sig, const void *info, const void *context) {
+    if (sg_block == nullptr) return;
+    char stamp[16];
+    stamp_(stamp);
+    char text[96];
+    uint32_t len = crashText_(text, sig, static_cast<const siginfo_t *>(info), context);
+    DTFaultOut o = {nullptr, DTFault_OpenFd_(), sg_block + kStackSize, kBufSize, 0};
+    if (o.fd < 0) return;
+    logPass_(&o, stamp, text, len);
+    reserve_(&o, 2);
+    DTFault_OutBE16_(&o, 0);
+    StoreWalk values = {&o, nullptr, nullptr, nullptr, 0};
+    guarded_(valuePass_, &values, &o);
+    DTFault_CloseFd_(&o);
+}
+
+int32_t DTFault_SaveOnCrash(DTFaultRecord *fault) {
+    if (fault == nullptr) return -1;
+    // Copied now: at the crash the record itself may be what was damaged.
+    uint32_t n = nameLen_(fault);
+    memcpy(sg_namedName, fault->name, n);
+    sg_namedLen = n;
+    sg_named = fault;
+    if (sg_installed) return 0;
+    if (sg_block == nullptr) {
+        sg_block = static_cast<uint8_t *>(DTMem_LocalMalloc(kStackSize + kBufSize));
+        if (sg_block == nullptr) return -1;
+    }
+    stack_t current;
+    if (sigaltstack(nullptr, &current) != 0) return -1;
+    if ((current.ss_flags & SS_DISABLE) != 0) {
+        stack_t ours;
+        ours.ss_sp = sg_block;
+        ours.ss_flags = 0;
+        ours.ss_size = kStackSize;
+        if (sigaltstack(&ours, nullptr) != 0) return -1;
+    }
+    time_t now = time(nullptr);
+    struct tm local;
+    sg_utcOffset = localtime_r(&now, &local) != nullptr ? local.tm_gmtoff : 0;
+    struct sigaction sa;
+    memset(&sa, 0, sizeof sa);
+    sa.sa_sigaction = onSignal_;
+    // Not deferred: a fault inside the save must reach the handler again, to
+    // be caught by the guard or to end the process by the first signal.
+    sa.sa_flags = SA_SIGINFO | SA_ONSTACK | SA_NODEFER;
+    sigemptyset(&sa.sa_mask);
+    for (int i = 0; i < kSignalCount; ++i) {
+        if (sigaction(kSignals[i], &sa, &sg_old[i]) == 0) continue;
+        while (--i >= 0) sigaction(kSignals[i], &sg_old[i], nullptr);
+        return -1;
+    }
+    sg_installed = true;
+    return 0;
+}
+
+void DTFault_SaveOnCrashOff(void) {
+    if (sg_installed) restoreAll_();
+}
+
+}  // extern "C"

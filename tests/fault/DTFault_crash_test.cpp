@@ -1,0 +1,441 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <climits>
+#include <functional>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "dttest.h"
+#include "fault/DTFault_internal.h"
+#include "fcm_decode.h"
+#include "fcm_file.h"
+#include "records/DTLogger_internal.h"
+#include "records/DTTime.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+const size_t npos = std::string::npos;
+const int kCrashSignals[] = {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT};
+
+// The save's file calls, interposed below: one letter each (w write to a file,
+// f fsync of a file, d fsync of a directory, r rename, s stdio write); the
+// process ends at the g_killAt-th.
+int g_killAt, g_calls;
+std::string g_trace;
+bool IsA(int fd, mode_t type) {
+    struct stat st;
+    return fstat(fd, &st) == 0 && (st.st_mode & S_IFMT) == type;
+}
+void Step(char kind) {
+    if (g_killAt == 0) return;
+    g_trace += kind;
+    if (++g_calls == g_killAt) _exit(77);
+}
+
+}  // namespace
+
+extern "C" ssize_t write(int fd, const void *b, size_t n) {
+    if (IsA(fd, S_IFREG)) Step('w');
+    return syscall(SYS_write, fd, b, n);
+}
+extern "C" int fsync(int fd) {
+    Step(IsA(fd, S_IFDIR) ? 'd' : 'f');
+    return static_cast<int>(syscall(SYS_fsync, fd));
+}
+extern "C" int rename(const char *from, const char *to) {
+    Step('r');
+    return static_cast<int>(syscall(SYS_rename, from, to));
+}
+extern "C" size_t fwrite(const void *p, size_t size, size_t n, FILE *f) {
+    Step('s');
+    return fwrite_unlocked(p, size, n, f);
+}
+extern "C" int fputc(int c, FILE *f) {
+    Step('s');
+    return fputc_unlocked(c, f);
+}
+
+namespace {
+
+__attribute__((noinline)) void NullDeref() {
+    volatile int *volatile p = nullptr;
+    *p = 1;
+}
+void Abort() { abort(); }
+void RaiseFpe() { raise(SIGFPE); }
+void BusError() {  // a page of a file that has no byte there
+    char path[] = "/tmp/dtkit-bus-XXXXXX";
+    int fd = mkstemp(path);
+    unlink(path);
+    (void)*static_cast<volatile char *>(mmap(nullptr, 4096, PROT_READ, MAP_SHARED, fd, 0));
+}
+void IllegalInstruction() {
+#if defined(__x86_64__) || defined(__i386__)
+    __asm__ volatile("ud2");
+#elif defined(__powerpc__)
+    __asm__ volatile(".long 0");  // the all-zero word is no instruction
+#endif
+}
+void CrashingCallback() { NullDeref(); }
+
+struct Host {
+    DTFaultRecord *net, *disk;
+};
+Host Populate(int lines) {
+    Host h = {DTFault_Regist("net", nullptr), DTFault_Regist("disk", nullptr)};
+    DTFault_SetInitLog(h.net, 1, 0, "link up");
+    for (int i = 0; i < lines; ++i) DTFault_SetRunLog(h.net, 1, 0, ("retry " + std::to_string(i)).c_str());
+    DTFault_SetRunLog(h.net, 3, 0, "crc error");
+    DTFault_SetInitLog(h.disk, 1, 0, "mounted");
+    DTFault_SetRunLog(h.disk, 2, 0, "slow write");
+    DTFault_SetCounter(h.net, 7, 1);
+    const uint8_t v[3] = {1, 2, 3};
+    DTFault_SetValue(h.disk, 10, v, 3);
+    DTFault_SetRegist64(h.net, 0x10, 0x0102030405060708ull);
+    return h;
+}
+const char *const kEverything[] = {
+    "1 log net: link up\n", "1 run net: crc error\n", "1 log disk: mounted\n", "1 run disk: slow write\n",
+    "3 net counter id=0x00000007 value=0x00000001\n", "3 disk value id=0x0000000A len=3 bytes=01 02 03\n",
+    "3 net register64 id=0x00000010 value=0x0102030405060708\n"};
+
+// The child's wait status, and how long it took to die (given up after 30 s).
+int Child(const std::function<void()> &body, double *seconds = nullptr) {
+    auto t0 = std::chrono::steady_clock::now();
+    pid_t pid = fork();
+    if (pid == 0) {
+        // A host without handlers of its own (the sanitizer's are put aside too).
+        for (int s : kCrashSignals) signal(s, SIG_DFL);
+        body();
+        _exit(0);
+    }
+    int status = -1;
+    for (int i = 0; i < 3000 && waitpid(pid, &status, WNOHANG) == 0; ++i) usleep(10000);
+    if (status == -1) kill(pid, SIGKILL), waitpid(pid, &status, 0);
+    if (seconds) *seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    return status;
+}
+
+// dtfcm's output for the fault file, and its exit status.
+std::string Dtfcm(const char *args, int *exitStatus) {
+    std::string out;
+    FILE *p = popen((std::string(DTFCM_COMMAND " ") + args + " " DTFAULT_FILE " 2>&1").c_str(), "r");
+    char chunk[4096];
+    size_t n;
+    while (p && (n = fread(chunk, 1, sizeof chunk, p)) > 0) out.append(chunk, n);
+    int status = p ? pclose(p) : -1;
+    *exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return out;
+}
+
+class Crash : public FcmFileTest {
+protected:
+    void TearDown() override {
+        unlink(DTFAULT_FILE ".tmp");
+        rmdir(DTFAULT_FILE ".tmp");
+        FcmFileTest::TearDown();
+    }
+};
+
+TEST_F(Crash, EveryCrashSavesTheFaultPictureAndDiesByItsSignal) {
+    Host h = Populate(2);
+    const struct {
+        const char *name;
+        int sig;
+        void (*crash)();
+        bool inSave;  // inside DTFault_Start, its re-entry flag set
+    } cases[] = {
+        {"SIGSEGV", SIGSEGV, NullDeref, false}, {"SIGABRT", SIGABRT, Abort, false},
+        {"SIGBUS", SIGBUS, BusError, false},    {"SIGFPE", SIGFPE, RaiseFpe, false},
+        {"SIGSEGV", SIGSEGV, CrashingCallback, true},
+#if defined(__x86_64__) || defined(__i386__) || defined(__powerpc__)
+        {"SIGILL", SIGILL, IllegalInstruction, false},  // elsewhere no instruction is known to be illegal
+#endif
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name + std::string(c.inSave ? " in a save" : ""));
+        std::remove(DTFAULT_FILE);
+        int status = Child([&] {
+            if (DTFault_SaveOnCrash(h.net) != 0) _exit(3);
+            if (c.inSave) DTFault_Regist("cb", c.crash), DTFault_Start();
+            c.crash();
+        });
+        ASSERT_TRUE(WIFSIGNALED(status)) << status;
+        EXPECT_EQ(WTERMSIG(status), c.sig);
+        int rc;
+        std::string text = Dtfcm("", &rc);
+        EXPECT_EQ(rc, 0) << text;
+        for (const char *line : kEverything) EXPECT_NE(text.find(line), npos) << line << text;
+        std::string crash = "1 run net: crash: " + std::string(c.name) + " signal " + std::to_string(c.sig);
+        EXPECT_NE(text.find(crash + " addr 0x"), npos) << text;
+    }
+}
+
+TEST_F(Crash, RecordFollowsTheNamedRunLogWithAStampAndThePlaceOfTheFault) {
+    Host h = Populate(0);
+    char before[16];
+    DTTime_Format(before, "MM/DD HH:MI:SS ", 0);
+    ASSERT_TRUE(WIFSIGNALED(Child([&] { DTFault_SaveOnCrash(h.disk), DTFault_SaveOnCrash(h.net), NullDeref(); })));
+    char after[16];
+    DTTime_Format(after, "MM/DD HH:MI:SS ", 0);
+    std::vector<dtfcm::Record> r = dtfcm::Decode(ReadFcm()).records;
+    ASSERT_EQ(r.size(), 13u);
+    EXPECT_EQ(r[3].text, "crc error");
+    EXPECT_GE(r[4].text, std::string(before)) << "the stamp, in the logger's own shape";
+    EXPECT_LE(r[4].text, std::string(after));
+    dtfcm::Crash c;
+    ASSERT_TRUE(dtfcm::ParseCrash(r[5].text, c)) << r[5].text;
+    EXPECT_EQ(r[5].name, "net");
+    EXPECT_EQ(r[6].name, "disk");
+    EXPECT_EQ(c.addr, "0x" + std::string(2 * sizeof(void *), '0'));
+    uintptr_t pc = std::stoull(c.pc, nullptr, 16), fn = reinterpret_cast<uintptr_t>(&NullDeref);
+    EXPECT_GE(pc, fn);
+    EXPECT_LT(pc, fn + 256) << "inside the function that faulted";
+    int rc;
+    std::string json = Dtfcm("--json", &rc);
+    EXPECT_NE(json.find("\"crash\":{\"signal\":\"SIGSEGV\",\"number\":11,\"addr\":\"" + c.addr + "\",\"pc\":\"" +
+                        c.pc + "\"}}"), npos) << json;
+}
+
+int g_hostPipe;
+void HostPlain(int sig) {
+    syscall(SYS_write, g_hostPipe, "plain", 5);
+    signal(sig, SIG_DFL);
+}
+void HostInfo(int sig, siginfo_t *info, void *) {
+    syscall(SYS_write, g_hostPipe, info->si_addr == nullptr ? "info at 0" : "info elsewhere", 9);
+    signal(sig, SIG_DFL);
+}
+
+TEST_F(Crash, HostHandlerInstalledBeforeStillRuns) {
+    Host h = Populate(0);
+    struct sigaction plain = {}, info = {};
+    plain.sa_handler = HostPlain;
+    info.sa_sigaction = HostInfo;
+    info.sa_flags = SA_SIGINFO;
+    for (const auto &c : {std::make_pair(&plain, "plain"), std::make_pair(&info, "info at 0")}) {
+        int fds[2];
+        ASSERT_EQ(pipe(fds), 0);
+        g_hostPipe = fds[1];
+        int status = Child([&] {
+            sigaction(SIGSEGV, c.first, nullptr);
+            DTFault_SaveOnCrash(h.net);
+            DTFault_SaveOnCrash(h.net);  // again: the host's handler stays the one passed on to
+            NullDeref();
+        });
+        close(fds[1]);
+        char got[16] = {};
+        EXPECT_GT(read(fds[0], got, sizeof got - 1), 0);
+        close(fds[0]);
+        EXPECT_STREQ(got, c.second);
+        EXPECT_EQ(WTERMSIG(status), SIGSEGV);
+        EXPECT_NE(dtfcm::Decode(ReadFcm()).records.size(), 0u);
+    }
+    // Switched off, the host's handler is back.
+    sigaction(SIGSEGV, &plain, nullptr);
+    ASSERT_EQ(DTFault_SaveOnCrash(h.net), 0);
+    DTFault_SaveOnCrashOff();
+    struct sigaction now;
+    sigaction(SIGSEGV, nullptr, &now);
+    EXPECT_EQ(now.sa_handler, HostPlain);
+}
+
+TEST_F(Crash, RefusalsAndTheAlternateStack) {
+    struct sigaction was[5], now;
+    for (int i = 0; i < 5; ++i) sigaction(kCrashSignals[i], nullptr, &was[i]);
+    EXPECT_EQ(DTFault_SaveOnCrash(nullptr), -1);
+    DTFaultRecord *f = DTFault_Regist("net", nullptr);
+    dttest::FailMallocAt(1);
+    EXPECT_EQ(DTFault_SaveOnCrash(f), -1) << "no memory for the stack";
+    sigaction(SIGSEGV, nullptr, &now);
+    EXPECT_EQ(now.sa_sigaction, was[0].sa_sigaction) << "nothing installed";
+    stack_t before;
+    sigaltstack(nullptr, &before);
+    ASSERT_EQ(DTFault_SaveOnCrash(f), 0);
+    stack_t after;
+    sigaltstack(nullptr, &after);
+    EXPECT_EQ(after.ss_flags & SS_DISABLE, 0);
+    if (before.ss_flags & SS_DISABLE) EXPECT_EQ(after.ss_size, 32768u);
+    else EXPECT_EQ(after.ss_sp, before.ss_sp) << "a stack the thread had is kept";
+    for (int i = 0; i < 5; ++i) {
+        sigaction(kCrashSignals[i], nullptr, &now);
+        EXPECT_NE(now.sa_sigaction, was[i].sa_sigaction) << kCrashSignals[i];
+    }
+}
+
+TEST_F(Crash, DamagedStoreStopsThatStoreOnly) {
+    Host h = Populate(0);
+    void *unreadable = mmap(nullptr, 8192, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    auto run = [&] { return h.net->runLog->store; };
+    const struct {
+        const char *what;
+        std::function<void()> damage;
+        const char *lost;  // the one line the damage costs
+    } cases[] = {
+        {"free addr past the area", [&] { run()->freeAddr = run()->memory->size + 1; }, "\n1 run net: crc"},
+        {"use addr past the area", [&] { g_DTFault_Info->useAddr = 1u << 30; }, "\n3 "},
+        {"a data length past the end", [&] { run()->memory->data[2] = 0xFF; }, "\n1 run net: crc"},
+        {"free space mark inside the chain", [&] { run()->memory->data[0] = 0xFF; }, "\n1 run net: crc"},
+        {"store pointer wild", [&] { h.disk->initLog->store = reinterpret_cast<DTInfo *>(0x10); }, "\n1 log disk"},
+        {"area pointer unreadable",
+         [&] { h.disk->runLog->store->memory = reinterpret_cast<DTMemBlock *>(static_cast<char *>(unreadable) + 4096); },
+         "\n1 run disk"},
+        {"list count wrong", [&] { reinterpret_cast<int32_t *>(g_DTFault_List)[0] = INT_MAX; }, nullptr},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        double seconds;
+        int status = Child([&] { DTFault_SaveOnCrash(h.net), c.damage(), NullDeref(); }, &seconds);
+        EXPECT_EQ(WTERMSIG(status), SIGSEGV);
+        EXPECT_LT(seconds, 1.0);
+        int rc;
+        std::string text = "\n" + Dtfcm("", &rc);
+        EXPECT_EQ(rc, 0) << text;
+        EXPECT_NE(text.find("\n1 run net: crash: SIGSEGV"), npos) << text;
+        for (const char *line : kEverything) {
+            std::string l = "\n" + std::string(line);
+            if (c.lost == nullptr || l.find(c.lost) == npos) {
+                EXPECT_NE(text.find(l), npos) << l;
+            }
+        }
+        if (c.lost) {
+            EXPECT_EQ(text.find(c.lost), npos) << text;
+        }
+    }
+}
+
+// Each save in a child that ends at its k-th file call, for every k: what it
+// leaves on disk, and the calls of a save that runs to the end.
+const Bytes kPrevious = {0, 8, 'r', 'u', 'n', ' ', 'o', 'l', 'd', ' ', 0, 0};
+void WritePrevious() {
+    FILE *f = fopen(DTFAULT_FILE, "wb");
+    fwrite_unlocked(kPrevious.data(), 1, kPrevious.size(), f);
+    fclose(f);
+}
+struct Interrupted {
+    std::vector<Bytes> left;
+    std::string trace;
+};
+Interrupted InterruptEveryCall(void (*save)(), int stride) {
+    Interrupted r;
+    for (int k = 1; k < 20000; k += stride) {
+        WritePrevious();
+        int status = Child([&] { g_killAt = k, save(); });
+        Bytes left;
+        std::string error;
+        dtfcm::ReadFile(DTFAULT_FILE, left, error);
+        r.left.push_back(left);
+        if (WIFEXITED(status) && WEXITSTATUS(status) == 0) break;
+    }
+    g_killAt = INT_MAX;
+    save();
+    r.trace = g_trace;
+    g_killAt = g_calls = 0;
+    g_trace.clear();
+    return r;
+}
+void CrashSave() { DTFault_CrashSave_(SIGSEGV, nullptr, nullptr); }
+
+TEST_F(Crash, InterruptedDurableSaveLeavesTheOldFileOrTheNewOne) {
+    Host h = Populate(300);
+    ASSERT_EQ(DTFault_SaveOnCrash(h.net), 0);
+    DTFault_SetDurable(1);
+    for (auto save : {CrashSave, DTFault_Start}) {
+        Interrupted r = InterruptEveryCall(save, 1);
+        EXPECT_TRUE(std::regex_match(r.trace, std::regex("w+frd"))) << r.trace;
+        const Bytes &previous = r.left.front(), &fresh = r.left.back();
+        EXPECT_GT(fresh.size(), 12000u);
+        for (size_t k = 0; k < r.left.size(); ++k)
+            EXPECT_TRUE(r.left[k] == previous || r.left[k] == fresh) << "killed at call " << k + 1;
+        // Killed at the directory flush, the rename has been made: from there on it is the new file.
+        EXPECT_EQ(r.left[r.left.size() - 2], fresh);
+        EXPECT_EQ(r.left[r.left.size() - 3], previous);
+    }
+}
+
+TEST_F(Crash, InterruptedPlainSaveLeavesATruncatedFile) {
+    Populate(300);
+    Interrupted r = InterruptEveryCall(DTFault_Start, 700);
+    EXPECT_EQ(r.trace.find_first_not_of('s'), npos) << "stdio writes only, never flushed";
+    const Bytes &fresh = r.left.back();
+    ASSERT_GT(r.left.size(), 3u);
+    for (size_t k = 0; k + 1 < r.left.size(); ++k) {
+        EXPECT_LT(r.left[k].size(), fresh.size()) << k;
+        EXPECT_TRUE(std::equal(r.left[k].begin(), r.left[k].end(), fresh.begin())) << "a prefix of the new file";
+    }
+}
+
+TEST_F(Crash, DurableFailuresKeepThePreviousFile) {
+    Host h = Populate(0);
+    DTFault_SetDurable(1);
+    WritePrevious();
+    ASSERT_EQ(mkdir(DTFAULT_FILE ".tmp", 0700), 0);  // no temporary file can be made
+    ASSERT_EQ(DTFault_SaveOnCrash(h.net), 0);
+    CrashSave();
+    EXPECT_EQ(ReadFcm(), kPrevious);
+    DTFault_Start();
+    EXPECT_EQ(ReadFcm(), kPrevious);
+    EXPECT_NE(g_DTFault_Info, nullptr) << "the values stay";
+    rmdir(DTFAULT_FILE ".tmp");
+    DTFault_Start();
+    EXPECT_EQ(ReadFcm(), kPrevious) << "saving for good, as with an unopenable file";
+    struct stat st;
+    EXPECT_NE(stat(DTFAULT_FILE ".tmp", &st), 0);
+}
+
+TEST_F(Crash, FailedRenameRemovesTheTemporaryFile) {
+    Populate(0);
+    DTFault_SetDurable(1);
+    ASSERT_EQ(mkdir(DTFAULT_FILE, 0700), 0);
+    ASSERT_EQ(mkdir(DTFAULT_FILE "/x", 0700), 0);
+    DTFault_Start();
+    rmdir(DTFAULT_FILE "/x");
+    struct stat st;
+    EXPECT_NE(stat(DTFAULT_FILE ".tmp", &st), 0);
+    EXPECT_EQ(g_DTFault_Info, nullptr) << "the save completed";
+    rmdir(DTFAULT_FILE);
+    DTFault_Start();
+    EXPECT_EQ(dtfcm::Decode(ReadFcm()).records.size(), 8u) << "and the next one writes";
+}
+
+// Ring stores that wrapped, each record length the walk meets: the crash save
+// writes what the normal save writes, with its two records before the end mark.
+TEST_F(Crash, CrashSaveWritesWhatTheSaveWrites) {
+    DTFaultRecord *f[3];
+    for (int i = 0; i < 3; ++i) {
+        f[i] = DTFault_Regist(("f" + std::to_string(i)).c_str(), nullptr);
+        DTLogger_SetInfoSize(f[i]->runLog, 1024 * (i + 1));
+        for (int line = 0; line < 200 + 37 * i; ++line) {
+            DTFault_SetRunLog(f[i], line % 4, 0, std::string(line % 53, 'a' + i).c_str());
+            DTFault_SetCounter(f[i], line, i);
+        }
+    }
+    DTFault_SetValue(f[1], 1, std::string(DTFAULT_VALUE_MAX, 'v').data(), DTFAULT_VALUE_MAX);  // too long for the file
+    ASSERT_EQ(DTFault_SaveOnCrash(f[2]), 0);
+    DTFault_CrashSave_(SIGFPE, nullptr, nullptr);
+    Bytes crash = ReadFcm();
+    DTFault_Start();
+    Bytes normal = ReadFcm();
+    size_t end = 0;
+    while (normal[end] != 0 || normal[end + 1] != 0) end += 2 + (normal[end] << 8) + normal[end + 1];
+    ASSERT_GT(crash.size(), normal.size());
+    size_t added = crash.size() - normal.size();
+    EXPECT_TRUE(std::equal(normal.begin(), normal.begin() + end, crash.begin()));
+    EXPECT_TRUE(std::equal(normal.begin() + end, normal.end(), crash.begin() + end + added));
+    std::vector<dtfcm::Record> r = dtfcm::Decode(Bytes(crash.begin() + end, crash.begin() + end + added)).records;
+    ASSERT_EQ(r.size(), 2u);
+    std::string zeros(2 * sizeof(void *), '0');
+    EXPECT_EQ(r[1].text, "crash: SIGFPE signal 8 addr 0x" + zeros + " pc 0x" + zeros) << "no signal, no context";
+}
+
+}  // namespace
