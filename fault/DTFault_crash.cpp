@@ -25,6 +25,7 @@ const uint32_t kStackSize = 32768;
 // A file record is at most 2 + 65535 bytes, so any record fits once the
 // buffer is flushed: a record is put whole or not at all.
 const uint32_t kBufSize = 69632;
+const uint32_t kPrefixMax = 32;     // a record's bytes before its data: "run " name " " at most
 const uint32_t kHeader = 4;         // the accounted block's size word
 const uint32_t kBlockHeader = 8;    // DTMemBlock's size and isStatic words
 const uint32_t kMaxFaults = 65536;  // the list walk's bound, whatever its count says
@@ -92,32 +93,51 @@ bool guarded_(void (*step)(void *), void *ctx, DTFaultOut *o) {
     return true;
 }
 
-// Room for a whole record before any byte of it goes in, so that a guarded
-// fault can take the record back out.
-void reserve_(DTFaultOut *o, uint32_t n) {
-    if (o->size - o->used < n) DTFault_OutFlush_(o);
-}
-
 struct StoreWalk {
     DTFaultOut *o;
     DTInfo *store;
-    const char *marker;  // null: value records
-    const char *name;
-    uint32_t n;
+    bool values;
+    uint32_t prefixLen;
+    uint8_t prefix[kPrefixMax];  // a log record's marker, space, name, space
 };
 
-__attribute__((no_sanitize("address"))) void putRecord_(StoreWalk *w, const uint8_t *key, uint32_t h,
-                                                        const uint8_t *data, uint32_t d) {
-    if (w->marker != nullptr) {
-        reserve_(w->o, 7 + w->n + d);
-        DTFault_PutLog_(w->o, w->marker, w->name, w->n, data, d);
+// One file record whose body is prefix then data: put whole into the buffer,
+// flushed first when it would not fit, so that a guarded fault can take it back.
+void putRecord_(DTFaultOut *o, const uint8_t *prefix, uint32_t p, const uint8_t *data, uint32_t d) {
+    uint32_t len = p + d;
+    if (len > 0xFFFF) return;
+    if (o->size - o->used < 2 + kPrefixMax + d) DTFault_OutFlush_(o);
+    uint8_t *at = o->buf + o->used;
+    at[0] = static_cast<uint8_t>(len >> 8);
+    at[1] = static_cast<uint8_t>(len);
+    // The whole prefix array, of a size known here: a few moves instead of a
+    // call per record; the data overwrites what runs past the prefix.
+    memcpy(at + 2, prefix, kPrefixMax);
+    memcpy(at + 2 + p, data, d);
+    o->used += 2 + len;
+}
+
+uint32_t logPrefix_(uint8_t *out, const char *marker, const char *name, uint32_t n) {
+    memcpy(out, marker, 3);
+    out[3] = ' ';
+    memcpy(out + 4, name, n);
+    out[4 + n] = ' ';
+    return 5 + n;
+}
+
+__attribute__((no_sanitize("address"))) void visit_(StoreWalk *w, const uint8_t *key, uint32_t h,
+                                                    const uint8_t *data, uint32_t d) {
+    if (!w->values) {
+        putRecord_(w->o, w->prefix, w->prefixLen, data, d);
         return;
     }
     if (h != 2 || sg_byIndex[key[1]] == nullptr) return;
-    DTFaultRecord *f = sg_byIndex[key[1]];
     uint32_t n = sg_nameLen[key[1]];
-    reserve_(w->o, 4 + n + d);
-    DTFault_PutValue_(w->o, key[0], f->name, n, data, d);
+    uint8_t prefix[kPrefixMax];
+    prefix[0] = static_cast<uint8_t>(n + 1);
+    prefix[1] = key[0];
+    memcpy(prefix + 2, sg_byIndex[key[1]]->name, n);
+    putRecord_(w->o, prefix, 2 + n, data, d);
 }
 
 // The records of [at, end) in order. false at the first one that does not fit
@@ -130,7 +150,7 @@ __attribute__((no_sanitize("address"))) bool walkRun_(StoreWalk *w, const uint8_
         if (end - at < 3 + h) return false;
         uint32_t d = be16_(area + at + 1 + h);
         if (end - at - 3 - h < d) return false;
-        putRecord_(w, area + at + 1, h, area + at + 3 + h, d);
+        visit_(w, area + at + 1, h, area + at + 3 + h, d);
         at += 3 + h + d;
     }
     return at == end;
@@ -199,9 +219,10 @@ void walkLogger_(void *ctx) {
 
 // Stamp and text, as a logged line of the named fault's run log reads.
 void putCrash_(DTFaultOut *o, const char *stamp, const char *text, uint32_t len) {
-    reserve_(o, 7 + sg_namedLen + 15 + 7 + sg_namedLen + len);
-    DTFault_PutLog_(o, "run", sg_namedName, sg_namedLen, stamp, 15);
-    DTFault_PutLog_(o, "run", sg_namedName, sg_namedLen, text, len);
+    uint8_t prefix[kPrefixMax];
+    uint32_t p = logPrefix_(prefix, "run", sg_namedName, sg_namedLen);
+    putRecord_(o, prefix, p, reinterpret_cast<const uint8_t *>(stamp), 15);
+    putRecord_(o, prefix, p, reinterpret_cast<const uint8_t *>(text), len);
 }
 
 // Section 1: every fault's init and run log, the crash record after the named
@@ -222,10 +243,13 @@ __attribute__((no_sanitize("address"))) void logPass_(DTFaultOut *o, const char 
         if (!guarded_(readNode_, &p, o)) break;
         DTFaultRecord *f = p.fault;
         if (f == nullptr) continue;
-        StoreWalk w = {o, nullptr, "log", f->name, nameLen_(f)};
+        StoreWalk w;
+        w.o = o;
+        w.values = false;
+        w.prefixLen = logPrefix_(w.prefix, "log", f->name, nameLen_(f));
         LoggerStep init = {&w, f->initLog};
         guarded_(walkLogger_, &init, o);
-        w.marker = "run";
+        memcpy(w.prefix, "run", 3);
         LoggerStep run = {&w, f->runLog};
         guarded_(walkLogger_, &run, o);
         if (f == sg_named && !crashPut) {
@@ -428,9 +452,11 @@ void DTFault_CrashSave_(int sig, const void *info, const void *context) {
     DTFaultOut o = {nullptr, DTFault_OpenFd_(), sg_block + kStackSize, kBufSize, 0};
     if (o.fd < 0) return;
     logPass_(&o, stamp, text, len);
-    reserve_(&o, 2);
-    DTFault_OutBE16_(&o, 0);
-    StoreWalk values = {&o, nullptr, nullptr, nullptr, 0};
+    const uint8_t none[kPrefixMax] = {};
+    putRecord_(&o, none, 0, none, 0);  // the end mark: a record of length 0
+    StoreWalk values;
+    values.o = &o;
+    values.values = true;
     guarded_(valuePass_, &values, &o);
     DTFault_CloseFd_(&o);
 }
