@@ -12,6 +12,7 @@
 #include <functional>
 #include <regex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "dttest.h"
@@ -32,6 +33,10 @@ const int kCrashSignals[] = {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT};
 // process ends at the g_killAt-th.
 int g_killAt, g_calls;
 std::string g_trace;
+// Set in a child: the first write to a file lets g_second go and waits, and
+// every such write is counted in shared memory.
+volatile int *g_fileWrites;
+volatile int g_second;
 bool IsA(int fd, mode_t type) {
     struct stat st;
     return fstat(fd, &st) == 0 && (st.st_mode & S_IFMT) == type;
@@ -46,6 +51,7 @@ void Step(char kind) {
 
 extern "C" ssize_t write(int fd, const void *b, size_t n) {
     if (IsA(fd, S_IFREG)) Step('w');
+    if (g_fileWrites && IsA(fd, S_IFREG) && (*g_fileWrites)++ == 0) g_second = 1, usleep(300000);
     return syscall(SYS_write, fd, b, n);
 }
 extern "C" int fsync(int fd) {
@@ -248,6 +254,25 @@ TEST_F(Crash, HostHandlerInstalledBeforeStillRuns) {
     struct sigaction now;
     sigaction(SIGSEGV, nullptr, &now);
     EXPECT_EQ(now.sa_handler, HostPlain);
+}
+
+TEST_F(Crash, SecondThreadCrashingMeanwhileMakesNoSecondWriter) {
+    Host h = Populate(0);
+    auto *writes = static_cast<int *>(mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    int status = Child([&] {
+        DTFault_SaveOnCrash(h.net);
+        std::thread([] {
+            while (g_second == 0) usleep(1000);
+            NullDeref();
+        }).detach();
+        g_fileWrites = writes;
+        abort();
+    });
+    EXPECT_EQ(WTERMSIG(status), SIGABRT) << "the first crash ends the process";
+    EXPECT_EQ(*writes, 1);
+    std::vector<dtfcm::Record> r = dtfcm::Decode(ReadFcm()).records;
+    ASSERT_EQ(r.size(), 13u);
+    EXPECT_EQ(r[5].text.substr(0, 14), "crash: SIGABRT");
 }
 
 TEST_F(Crash, RefusalsAndTheAlternateStack) {
