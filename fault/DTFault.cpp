@@ -1,6 +1,5 @@
 #include "fault/DTFault.h"
 
-#include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
@@ -19,6 +18,10 @@ DTList *g_DTFault_List;
 DTInfo *g_DTFault_Info;
 DTLogger *g_fcm_logger;
 }
+
+// Saves, registrations and shows run seldom: small code counts for more
+// there on the board than speed does.
+#define DTFAULT_COLD __attribute__((cold))
 
 static int32_t bRunning;
 uint32_t DTFault_durable_;
@@ -57,7 +60,7 @@ int32_t setWord_(DTFaultRecord *fault, uint8_t kind, uint32_t id, uint32_t value
     return 0;
 }
 
-int32_t setWord64_(DTFaultRecord *fault, uint8_t kind, uint32_t id, uint64_t value) {
+DTFAULT_COLD int32_t setWord64_(DTFaultRecord *fault, uint8_t kind, uint32_t id, uint64_t value) {
     if (fault == nullptr) return 0;
     uint8_t payload[12];
     putBE32_(payload, id);
@@ -67,7 +70,7 @@ int32_t setWord64_(DTFaultRecord *fault, uint8_t kind, uint32_t id, uint64_t val
     return 0;
 }
 
-int32_t setBlock_(DTFaultRecord *fault, uint8_t kind, uint32_t id, const void *data, uint32_t len) {
+DTFAULT_COLD int32_t setBlock_(DTFaultRecord *fault, uint8_t kind, uint32_t id, const void *data, uint32_t len) {
     if (fault == nullptr) return 0;
     if (len > DTFAULT_BLOCK_MAX || (len > 0 && data == nullptr)) return 0;
     char fmt[10];
@@ -78,24 +81,37 @@ int32_t setBlock_(DTFaultRecord *fault, uint8_t kind, uint32_t id, const void *d
     return 0;
 }
 
-void showLine_(const char *format, const char *name) {
+DTFAULT_COLD void showLine_(const char *format, const char *name) {
     DTPrint_Show(DTString_SFormat(format, name), 0);
 }
 
 DTInfo *storeOf_(DTLogger *logger) { return logger ? logger->store : nullptr; }
 
-void saveLog_(DTFaultRecord *fault, DTLogger *logger, const char *marker, DTFaultOut *o) {
+void putBE16_(FILE *f, uint32_t v) {
+    uint8_t b[2] = {static_cast<uint8_t>(v >> 8), static_cast<uint8_t>(v)};
+    fwrite(b, 1, 2, f);
+}
+
+DTFAULT_COLD void saveLog_(DTFaultRecord *fault, DTLogger *logger, const char *marker, FILE *f) {
     DTInfo *store = storeOf_(logger);
     if (store == nullptr) return;
     uint32_t n = static_cast<uint32_t>(strlen(fault->name));
     uint32_t cursor = DTINFO_START;
     void *data;
     uint16_t d;
-    while (DTInfo_Get(store, nullptr, 0, &cursor, nullptr, nullptr, &data, &d))
-        DTFault_PutLog_(o, marker, fault->name, n, data, d);
+    while (DTInfo_Get(store, nullptr, 0, &cursor, nullptr, nullptr, &data, &d)) {
+        uint32_t len = d + 2 + n + 3;
+        if (len > 0xFFFF) continue;
+        putBE16_(f, len);
+        fwrite(marker, 1, 3, f);
+        fputc(' ', f);
+        fwrite(fault->name, 1, n, f);
+        fputc(' ', f);
+        fwrite(data, 1, d, f);
+    }
 }
 
-void saveValues_(DTFaultOut *o) {
+DTFAULT_COLD void saveValues_(FILE *f) {
     uint32_t cursor = DTINFO_START;
     void *key;
     uint8_t keyLen;
@@ -106,25 +122,31 @@ void saveValues_(DTFaultOut *o) {
         const uint8_t *k = static_cast<const uint8_t *>(key);
         DTFaultRecord *fault = static_cast<DTFaultRecord *>(DTList_Get(g_DTFault_List, k[1]));
         if (fault == nullptr) continue;
-        DTFault_PutValue_(o, k[0], fault->name, static_cast<uint32_t>(strlen(fault->name)), data, d);
+        uint32_t n = static_cast<uint32_t>(strlen(fault->name));
+        uint32_t len = d + 1 + n + 1;
+        if (len > 0xFFFF) continue;
+        putBE16_(f, len);
+        fputc(static_cast<int>(n + 1), f);
+        fputc(k[0], f);
+        fwrite(fault->name, 1, n, f);
+        fwrite(data, 1, d, f);
     }
 }
 
-// The directory that holds the fault file, so that a rename into it can be
-// made durable too.
-void syncDir_() {
-    char dir[sizeof DTFAULT_FILE + 1];
-    memcpy(dir, DTFAULT_FILE, sizeof DTFAULT_FILE);
-    char *slash = strrchr(dir, '/');
-    if (slash == nullptr) memcpy(dir, ".", 2);
-    else slash[slash == dir ? 1 : 0] = '\0';
-    int fd = open(dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0) return;
-    fsync(fd);
-    close(fd);
+// The fault file's directory, worked out by the compiler: "name" is in ".",
+// "/name" in "/", "a/b/name" in "a/b".
+struct FaultDir {
+    char path[sizeof DTFAULT_FILE + 1];
+};
+constexpr FaultDir faultDir_() {
+    FaultDir d = {DTFAULT_FILE};
+    uint32_t cut = sizeof DTFAULT_FILE - 1;
+    while (cut > 0 && d.path[cut - 1] != '/') --cut;
+    if (cut == 0) d.path[cut++] = '.';
+    d.path[cut > 1 ? cut - 1 : cut] = '\0';
+    return d;
 }
-
-const char kTempFile[] = DTFAULT_FILE ".tmp";
+constexpr FaultDir kFaultDir = faultDir_();
 
 DTFaultRecord *faultAt_(int32_t pos) {
     return static_cast<DTFaultRecord *>(DTList_Get(g_DTFault_List, pos));
@@ -134,7 +156,7 @@ DTFaultRecord *faultAt_(int32_t pos) {
 
 extern "C" {
 
-DTFaultRecord *DTFault_Regist(const char *name, DTFaultCallback callback) {
+DTFAULT_COLD DTFaultRecord *DTFault_Regist(const char *name, DTFaultCallback callback) {
     if (g_DTFault_List == nullptr) {
         g_DTFault_List = DTList_New(0, DTMem_LocalFree);
         if (g_DTFault_List == nullptr) return nullptr;
@@ -174,14 +196,14 @@ int32_t DTFault_SetInitLog(DTFaultRecord *fault, int32_t level, uint32_t unused,
     return 0;
 }
 
-int32_t DTFault_ShowRunLogToBuf(DTFaultRecord *fault, DTBuf *buf) {
+DTFAULT_COLD int32_t DTFault_ShowRunLogToBuf(DTFaultRecord *fault, DTBuf *buf) {
     if (fault != nullptr) DTLogger_ShowToBuf(fault->runLog, buf);
     return 0;
 }
 
 int32_t DTFault_ShowRunLog(DTFaultRecord *fault) { return DTFault_ShowRunLogToBuf(fault, nullptr); }
 
-int32_t DTFault_ShowInitLogToBuf(DTFaultRecord *fault, DTBuf *buf) {
+DTFAULT_COLD int32_t DTFault_ShowInitLogToBuf(DTFaultRecord *fault, DTBuf *buf) {
     if (fault != nullptr) DTLogger_ShowToBuf(fault->initLog, buf);
     return 0;
 }
@@ -212,7 +234,7 @@ int32_t DTFault_SetCounterEx(DTFaultRecord *fault, uint32_t id, const void *data
     return setBlock_(fault, DTFAULT_KIND_COUNTEREX, id, data, len);
 }
 
-int32_t DTFault_SetValue(DTFaultRecord *fault, uint32_t id, const void *data, uint32_t len) {
+DTFAULT_COLD int32_t DTFault_SetValue(DTFaultRecord *fault, uint32_t id, const void *data, uint32_t len) {
     if (fault == nullptr) return 0;
     if (len > DTFAULT_VALUE_MAX || (len > 0 && data == nullptr)) return 0;
     DTInfo *store = valueStore_();
@@ -224,7 +246,7 @@ int32_t DTFault_SetValue(DTFaultRecord *fault, uint32_t id, const void *data, ui
     return 0;
 }
 
-void DTFault_Start(void) {
+DTFAULT_COLD void DTFault_Start(void) {
     if (g_DTFault_List == nullptr || bRunning != 0) return;
     bRunning = 1;
     int32_t n = DTList_Length(g_DTFault_List);
@@ -237,25 +259,22 @@ void DTFault_Start(void) {
     }
     // A file that cannot be opened leaves the module saving for good: the
     // values stay in the store for whoever looks at the device next.
-    uint8_t buf[4096];
-    DTFaultOut o = {nullptr, -1, buf, sizeof buf, 0};
-    if (DTFault_durable_ != 0) {
-        o.fd = DTFault_OpenFd_();
-        if (o.fd < 0) return;
-    } else {
-        o.file = fopen(DTFAULT_FILE, "wb");
-        if (o.file == nullptr) return;
-    }
+    FILE *f = fopen(DTFault_durable_ != 0 ? DTFAULT_TEMP_FILE : DTFAULT_FILE, "wb");
+    if (f == nullptr) return;
     for (int32_t i = 0; i < n; ++i) {
         DTFaultRecord *fault = faultAt_(i);
         if (fault == nullptr) continue;
-        saveLog_(fault, fault->initLog, "log", &o);
-        saveLog_(fault, fault->runLog, "run", &o);
+        saveLog_(fault, fault->initLog, "log", f);
+        saveLog_(fault, fault->runLog, "run", f);
     }
-    DTFault_OutBE16_(&o, 0);
-    saveValues_(&o);
-    if (o.file != nullptr) fclose(o.file);
-    else DTFault_CloseFd_(&o);
+    putBE16_(f, 0);
+    saveValues_(f);
+    if (DTFault_durable_ != 0) {
+        bool ok = fflush(f) == 0 && fsync(fileno(f)) == 0;
+        DTFault_Publish_(fclose(f) == 0 && ok);
+    } else {
+        fclose(f);
+    }
     // Unhooked before it is released: a crash from here on must not walk a
     // store that is already gone.
     DTInfo *values = g_DTFault_Info;
@@ -266,91 +285,17 @@ void DTFault_Start(void) {
 
 void DTFault_SetDurable(uint32_t on) { DTFault_durable_ = on != 0; }
 
-void DTFault_OutBytes_(DTFaultOut *o, const void *p, uint32_t n) {
-    if (o->file != nullptr) {
-        fwrite(p, 1, n, o->file);
+DTFAULT_COLD void DTFault_Publish_(bool written) {
+    // Until the rename the previous file stays whole; the directory is
+    // flushed so that the new name survives a reset too.
+    if (!written || rename(DTFAULT_TEMP_FILE, DTFAULT_FILE) != 0) {
+        unlink(DTFAULT_TEMP_FILE);
         return;
     }
-    const uint8_t *b = static_cast<const uint8_t *>(p);
-    while (n > 0) {
-        if (o->used == o->size) DTFault_OutFlush_(o);
-        uint32_t room = o->size - o->used;
-        uint32_t take = n < room ? n : room;
-        memcpy(o->buf + o->used, b, take);
-        o->used += take;
-        b += take;
-        n -= take;
-    }
-}
-
-void DTFault_OutByte_(DTFaultOut *o, uint32_t c) {
-    if (o->file != nullptr) {
-        fputc(static_cast<int>(c & 0xFF), o->file);
-        return;
-    }
-    uint8_t b = static_cast<uint8_t>(c);
-    DTFault_OutBytes_(o, &b, 1);
-}
-
-void DTFault_OutBE16_(DTFaultOut *o, uint32_t v) {
-    uint8_t b[2] = {static_cast<uint8_t>(v >> 8), static_cast<uint8_t>(v)};
-    DTFault_OutBytes_(o, b, 2);
-}
-
-bool DTFault_OutFlush_(DTFaultOut *o) {
-    uint32_t at = 0;
-    while (at < o->used && o->fd >= 0) {
-        ssize_t w = write(o->fd, o->buf + at, o->used - at);
-        if (w > 0) at += static_cast<uint32_t>(w);
-        else if (w < 0 && errno == EINTR) continue;
-        else o->fd = -2 - o->fd;  // still closable, but nothing more is written
-    }
-    o->used = 0;
-    return o->fd >= 0;
-}
-
-void DTFault_PutLog_(DTFaultOut *o, const char *marker, const char *name, uint32_t n,
-                     const void *data, uint32_t d) {
-    uint32_t len = d + 2 + n + 3;
-    if (len > 0xFFFF) return;
-    DTFault_OutBE16_(o, len);
-    DTFault_OutBytes_(o, marker, 3);
-    DTFault_OutByte_(o, ' ');
-    DTFault_OutBytes_(o, name, n);
-    DTFault_OutByte_(o, ' ');
-    DTFault_OutBytes_(o, data, d);
-}
-
-void DTFault_PutValue_(DTFaultOut *o, uint32_t kind, const char *name, uint32_t n,
-                       const void *data, uint32_t d) {
-    uint32_t len = d + 1 + n + 1;
-    if (len > 0xFFFF) return;
-    DTFault_OutBE16_(o, len);
-    DTFault_OutByte_(o, n + 1);
-    DTFault_OutByte_(o, kind);
-    DTFault_OutBytes_(o, name, n);
-    DTFault_OutBytes_(o, data, d);
-}
-
-int DTFault_OpenFd_(void) {
-    const char *path = DTFault_durable_ != 0 ? kTempFile : DTFAULT_FILE;
-    return open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-}
-
-bool DTFault_CloseFd_(DTFaultOut *o) {
-    bool ok = DTFault_OutFlush_(o);
-    int fd = ok ? o->fd : -2 - o->fd;
-    if (DTFault_durable_ == 0) return close(fd) == 0 && ok;
-    // Until the rename the previous file stays whole; the data must reach the
-    // disk before the name does, and the name before the save returns.
-    ok = ok && fsync(fd) == 0;
-    ok = close(fd) == 0 && ok;
-    if (!ok || rename(kTempFile, DTFAULT_FILE) != 0) {
-        unlink(kTempFile);
-        return false;
-    }
-    syncDir_();
-    return true;
+    int fd = open(kFaultDir.path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) return;
+    fsync(fd);
+    close(fd);
 }
 
 }  // extern "C"

@@ -1,11 +1,15 @@
+// Small before fast: only the store walk below is a loop that matters.
+#pragma GCC optimize("Os")
+
 // The fault file written from a signal handler: only async-signal-safe calls,
 // no allocation, no lock, and every pointer and length of the stores it walks
 // checked first, since the crash may have damaged them.
 #include <errno.h>
+#include <fcntl.h>
 #include <setjmp.h>
 #include <signal.h>
 #include <string.h>
-#include <sys/syscall.h>
+#include <sys/select.h>
 #include <time.h>
 #include <ucontext.h>
 #include <unistd.h>
@@ -17,6 +21,26 @@
 #include "records/DTLogger_internal.h"
 
 namespace {
+
+// Where the crash save's bytes go: a descriptor behind a buffer.
+struct Out {
+    int fd;  // -1 once a write has failed: the rest is dropped
+    uint8_t *buf;
+    uint32_t size;
+    uint32_t used;
+};
+
+bool flush_(Out *o) {
+    uint32_t at = 0;
+    while (at < o->used && o->fd >= 0) {
+        ssize_t w = write(o->fd, o->buf + at, o->used - at);
+        if (w > 0) at += static_cast<uint32_t>(w);
+        else if (w < 0 && errno == EINTR) continue;
+        else o->fd = -2 - o->fd;  // still closable, but nothing more is written
+    }
+    o->used = 0;
+    return o->fd >= 0;
+}
 
 const int kSignals[] = {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT};
 const char kSignalNames[][8] = {"SIGSEGV", "SIGBUS", "SIGILL", "SIGFPE", "SIGABRT"};
@@ -39,8 +63,10 @@ char sg_namedName[DTFAULT_NAME_SIZE];
 uint32_t sg_namedLen;
 long sg_utcOffset;
 
-// The thread writing the file (its id), and whether it has finished.
-int sg_writer;
+// The thread writing the file, and whether it has finished. A thread is told
+// by the address of its errno: its own, for as long as it lives, and had
+// without a call that is unsafe here.
+uintptr_t sg_writer;
 int sg_done;
 int sg_signal;  // the writer's signal: a fault inside the save ends the process by it
 sigjmp_buf sg_guard;
@@ -80,7 +106,7 @@ uint32_t nameLen_(const DTFaultRecord *f) {
 
 // Runs one step under the guard: a fault inside it comes back here instead of
 // ending the process, and the half-built record is dropped.
-bool guarded_(void (*step)(void *), void *ctx, DTFaultOut *o) {
+bool guarded_(void (*step)(void *), void *ctx, Out *o) {
     volatile uint32_t mark = o->used;
     if (sigsetjmp(sg_guard, 0) != 0) {
         sg_guarding = 0;
@@ -94,7 +120,8 @@ bool guarded_(void (*step)(void *), void *ctx, DTFaultOut *o) {
 }
 
 struct StoreWalk {
-    DTFaultOut *o;
+    Out *o;
+    DTLogger *logger;  // the log whose store is walked; null: the value store
     DTInfo *store;
     bool values;
     uint32_t prefixLen;
@@ -103,10 +130,10 @@ struct StoreWalk {
 
 // One file record whose body is prefix then data: put whole into the buffer,
 // flushed first when it would not fit, so that a guarded fault can take it back.
-void putRecord_(DTFaultOut *o, const uint8_t *prefix, uint32_t p, const uint8_t *data, uint32_t d) {
+void putRecord_(Out *o, const uint8_t *prefix, uint32_t p, const uint8_t *data, uint32_t d) {
     uint32_t len = p + d;
     if (len > 0xFFFF) return;
-    if (o->size - o->used < 2 + kPrefixMax + d) DTFault_OutFlush_(o);
+    if (o->size - o->used < 2 + kPrefixMax + d) flush_(o);
     uint8_t *at = o->buf + o->used;
     at[0] = static_cast<uint8_t>(len >> 8);
     at[1] = static_cast<uint8_t>(len);
@@ -156,11 +183,16 @@ __attribute__((no_sanitize("address"))) bool walkRun_(StoreWalk *w, const uint8_
     return at == end;
 }
 
+__attribute__((no_sanitize("address"))) DTInfo *storeOf_(DTLogger *logger) {
+    if (!block_(logger, sizeof(DTLogger))) return nullptr;
+    return logger->store;
+}
+
 // The store's records oldest first, as its own walk gives them, after its
 // header has been checked against the block it lives in.
 __attribute__((no_sanitize("address"))) void walkStore_(void *ctx) {
     StoreWalk *w = static_cast<StoreWalk *>(ctx);
-    DTInfo *s = w->store;
+    DTInfo *s = w->logger != nullptr ? storeOf_(w->logger) : w->store;
     if (s == nullptr || !block_(s, sizeof(DTInfo))) return;
     DTMemBlock *m = s->memory;
     if (!addr_(m) || !block_(m, kBlockHeader + m->size) || m->isStatic != 0) return;
@@ -178,7 +210,7 @@ __attribute__((no_sanitize("address"))) void walkStore_(void *ctx) {
 }
 
 struct LogPass {
-    DTFaultOut *o;
+    Out *o;
     DTListNode *node;
     uint32_t pos;
     DTFaultRecord *fault;
@@ -201,24 +233,10 @@ __attribute__((no_sanitize("address"))) void readNode_(void *ctx) {
     }
 }
 
-__attribute__((no_sanitize("address"))) DTInfo *storeOf_(DTLogger *logger) {
-    if (!block_(logger, sizeof(DTLogger))) return nullptr;
-    return logger->store;
-}
 
-struct LoggerStep {
-    StoreWalk *w;
-    DTLogger *logger;
-};
-
-void walkLogger_(void *ctx) {
-    LoggerStep *s = static_cast<LoggerStep *>(ctx);
-    s->w->store = storeOf_(s->logger);
-    walkStore_(s->w);
-}
 
 // Stamp and text, as a logged line of the named fault's run log reads.
-void putCrash_(DTFaultOut *o, const char *stamp, const char *text, uint32_t len) {
+void putCrash_(Out *o, const char *stamp, const char *text, uint32_t len) {
     uint8_t prefix[kPrefixMax];
     uint32_t p = logPrefix_(prefix, "run", sg_namedName, sg_namedLen);
     putRecord_(o, prefix, p, reinterpret_cast<const uint8_t *>(stamp), 15);
@@ -227,7 +245,7 @@ void putCrash_(DTFaultOut *o, const char *stamp, const char *text, uint32_t len)
 
 // Section 1: every fault's init and run log, the crash record after the named
 // fault's run log (or, when the walk never meets it, after the last log).
-__attribute__((no_sanitize("address"))) void logPass_(DTFaultOut *o, const char *stamp, const char *text,
+__attribute__((no_sanitize("address"))) void logPass_(Out *o, const char *stamp, const char *text,
                                                       uint32_t len) {
     memset(sg_byIndex, 0, sizeof sg_byIndex);
     bool crashPut = false;
@@ -247,11 +265,11 @@ __attribute__((no_sanitize("address"))) void logPass_(DTFaultOut *o, const char 
         w.o = o;
         w.values = false;
         w.prefixLen = logPrefix_(w.prefix, "log", f->name, nameLen_(f));
-        LoggerStep init = {&w, f->initLog};
-        guarded_(walkLogger_, &init, o);
+        w.logger = f->initLog;
+        guarded_(walkStore_, &w, o);
         memcpy(w.prefix, "run", 3);
-        LoggerStep run = {&w, f->runLog};
-        guarded_(walkLogger_, &run, o);
+        w.logger = f->runLog;
+        guarded_(walkStore_, &w, o);
         if (f == sg_named && !crashPut) {
             putCrash_(o, stamp, text, len);
             crashPut = true;
@@ -260,11 +278,6 @@ __attribute__((no_sanitize("address"))) void logPass_(DTFaultOut *o, const char 
     if (!crashPut) putCrash_(o, stamp, text, len);
 }
 
-void valuePass_(void *ctx) {
-    StoreWalk *w = static_cast<StoreWalk *>(ctx);
-    w->store = g_DTFault_Info;
-    walkStore_(w);
-}
 
 // Numbers by hand: the formatting functions are not safe in a handler.
 uint32_t putText_(char *out, const char *s) {
@@ -301,26 +314,18 @@ uint32_t putHex_(char *out, uintptr_t v) {
 // "MM/DD HH:MI:SS ", the logger's own stamp, in the local time of the call
 // that switched this on.
 void stamp_(char *out) {
-    struct timespec ts = {0, 0};
-    clock_gettime(CLOCK_REALTIME, &ts);
-    int64_t t = static_cast<int64_t>(ts.tv_sec) + sg_utcOffset;
-    int64_t days = t / 86400;
-    int64_t secs = t % 86400;
-    if (secs < 0) {
-        secs += 86400;
-        days -= 1;
-    }
-    // Days since 1970-01-01 to month and day, in 400-year eras from 0000-03-01.
-    int64_t z = days + 719468;
-    int64_t era = (z >= 0 ? z : z - 146096) / 146097;
-    uint32_t doe = static_cast<uint32_t>(z - era * 146097);
+    // Unsigned 32-bit seconds: right until 2106, and no 64-bit division on the board.
+    uint32_t t = static_cast<uint32_t>(time(nullptr)) + static_cast<uint32_t>(sg_utcOffset);
+    uint32_t secs = t % 86400;
+    // Days since 1970-01-01 to month and day, counted in 400-year eras from 0000-03-01.
+    uint32_t z = t / 86400 + 719468;
+    uint32_t doe = z % 146097;
     uint32_t yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
     uint32_t doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
     uint32_t mp = (5 * doy + 2) / 153;
     uint32_t day = doy - (153 * mp + 2) / 5 + 1;
     uint32_t month = mp < 10 ? mp + 3 : mp - 9;
-    uint32_t s = static_cast<uint32_t>(secs);
-    const uint32_t fields[5] = {month, day, s / 3600, s / 60 % 60, s % 60};
+    const uint32_t fields[5] = {month, day, secs / 3600, secs / 60 % 60, secs % 60};
     const char seps[5] = {'/', ' ', ':', ':', ' '};
     for (int i = 0; i < 5; ++i) {
         putDec_(out + 3 * i, fields[i], 2);
@@ -328,53 +333,37 @@ void stamp_(char *out) {
     }
 }
 
-uintptr_t pc_(const void *context) {
-    if (context == nullptr) return 0;
-    const ucontext_t *uc = static_cast<const ucontext_t *>(context);
-#if defined(__x86_64__)
-    return static_cast<uintptr_t>(uc->uc_mcontext.gregs[REG_RIP]);
-#elif defined(__i386__)
-    return static_cast<uintptr_t>(uc->uc_mcontext.gregs[REG_EIP]);
-#elif defined(__powerpc__) && !defined(__powerpc64__)
-    return static_cast<uintptr_t>(uc->uc_mcontext.uc_regs->gregs[32]);  // the next instruction pointer
-#else
-    (void)uc;
-    return 0;
-#endif
-}
-
-bool hasPc_() {
-#if defined(__x86_64__) || defined(__i386__) || (defined(__powerpc__) && !defined(__powerpc64__))
-    return true;
-#else
-    return false;
-#endif
+int slot_(int sig) {
+    for (int i = 0; i < kSignalCount; ++i)
+        if (kSignals[i] == sig) return i;
+    return -1;
 }
 
 // "crash: SIGSEGV signal 11 addr 0x... pc 0x...": pc only where the signal
 // context gives it.
 uint32_t crashText_(char *out, int sig, const siginfo_t *info, const void *context) {
+    int i = slot_(sig);
     uint32_t len = putText_(out, "crash: ");
-    const char *name = "SIG?";
-    for (int i = 0; i < kSignalCount; ++i)
-        if (kSignals[i] == sig) name = kSignalNames[i];
-    len += putText_(out + len, name);
+    len += putText_(out + len, i >= 0 ? kSignalNames[i] : "SIG?");
     len += putText_(out + len, " signal ");
     len += putDec_(out + len, static_cast<uint32_t>(sig), 1);
     len += putText_(out + len, " addr ");
     uintptr_t addr = info != nullptr && info->si_code > 0 ? reinterpret_cast<uintptr_t>(info->si_addr) : 0;
     len += putHex_(out + len, addr);
-    if (hasPc_()) {
-        len += putText_(out + len, " pc ");
-        len += putHex_(out + len, pc_(context));
-    }
+#if defined(__x86_64__) || defined(__i386__) || (defined(__powerpc__) && !defined(__powerpc64__))
+    const ucontext_t *uc = static_cast<const ucontext_t *>(context);
+    uintptr_t pc = 0;
+#if defined(__x86_64__)
+    if (uc != nullptr) pc = static_cast<uintptr_t>(uc->uc_mcontext.gregs[REG_RIP]);
+#elif defined(__i386__)
+    if (uc != nullptr) pc = static_cast<uintptr_t>(uc->uc_mcontext.gregs[REG_EIP]);
+#else
+    if (uc != nullptr) pc = static_cast<uintptr_t>(uc->uc_mcontext.uc_regs->gregs[32]);  // the next instruction pointer
+#endif
+    len += putText_(out + len, " pc ");
+    len += putHex_(out + len, pc);
+#endif
     return len;
-}
-
-int slot_(int sig) {
-    for (int i = 0; i < kSignalCount; ++i)
-        if (kSignals[i] == sig) return i;
-    return -1;
 }
 
 void restoreAll_() {
@@ -399,34 +388,33 @@ void passOn_(int sig, const siginfo_t *info) {
 }
 
 // A fault inside the save: the process ends by the signal that started it.
-void dieByOriginal_() {
+// Neither signal is blocked (the handler is not deferred); should the raise
+// not end it, the fault comes back with nothing left to catch it.
+void dieByOriginal_(int sig) {
     struct sigaction dfl;
     memset(&dfl, 0, sizeof dfl);
     dfl.sa_handler = SIG_DFL;
-    sigemptyset(&dfl.sa_mask);
+    sigaction(sig, &dfl, nullptr);
     sigaction(sg_signal, &dfl, nullptr);
-    sigset_t set;
-    sigemptyset(&set);
-    sigaddset(&set, sg_signal);
-    sigprocmask(SIG_UNBLOCK, &set, nullptr);
     raise(sg_signal);
-    _exit(128 + sg_signal);
 }
 
 void onSignal_(int sig, siginfo_t *info, void *context) {
     int saved = errno;
-    int self = static_cast<int>(syscall(SYS_gettid));
-    int expected = 0;
+    uintptr_t self = reinterpret_cast<uintptr_t>(&errno);
+    uintptr_t expected = 0;
     if (!__atomic_compare_exchange_n(&sg_writer, &expected, self, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE)) {
         if (expected == self) {
             if (sg_guarding != 0) siglongjmp(sg_guard, 1);
-            dieByOriginal_();
+            dieByOriginal_(sig);
+            return;
         }
         // Another thread is writing: one writer only. It ends the process when
         // it is done; should it not, this thread dies by its own signal.
-        struct timespec step = {0, 10000000};
-        for (int i = 0; i < kWaitSteps && __atomic_load_n(&sg_done, __ATOMIC_ACQUIRE) == 0; ++i)
-            nanosleep(&step, nullptr);
+        for (int i = 0; i < kWaitSteps && __atomic_load_n(&sg_done, __ATOMIC_ACQUIRE) == 0; ++i) {
+            struct timeval step = {0, 10000};
+            select(0, nullptr, nullptr, nullptr, &step);
+        }
         passOn_(sig, info);
         errno = saved;
         return;
@@ -449,16 +437,23 @@ void DTFault_CrashSave_(int sig, const void *info, const void *context) {
     stamp_(stamp);
     char text[96];
     uint32_t len = crashText_(text, sig, static_cast<const siginfo_t *>(info), context);
-    DTFaultOut o = {nullptr, DTFault_OpenFd_(), sg_block + kStackSize, kBufSize, 0};
+    const bool durable = DTFault_durable_ != 0;
+    Out o = {open(durable ? DTFAULT_TEMP_FILE : DTFAULT_FILE, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666),
+             sg_block + kStackSize, kBufSize, 0};
     if (o.fd < 0) return;
     logPass_(&o, stamp, text, len);
-    const uint8_t none[kPrefixMax] = {};
-    putRecord_(&o, none, 0, none, 0);  // the end mark: a record of length 0
+    putRecord_(&o, sg_block, 0, sg_block, 0);  // the end mark: a record of length 0
     StoreWalk values;
     values.o = &o;
+    values.logger = nullptr;
+    values.store = g_DTFault_Info;
     values.values = true;
-    guarded_(valuePass_, &values, &o);
-    DTFault_CloseFd_(&o);
+    guarded_(walkStore_, &values, &o);
+    bool ok = flush_(&o);
+    int fd = ok ? o.fd : -2 - o.fd;
+    ok = (!durable || fsync(fd) == 0) && ok;
+    ok = close(fd) == 0 && ok;
+    if (durable) DTFault_Publish_(ok);
 }
 
 int32_t DTFault_SaveOnCrash(DTFaultRecord *fault) {
@@ -483,20 +478,16 @@ int32_t DTFault_SaveOnCrash(DTFaultRecord *fault) {
         if (sigaltstack(&ours, nullptr) != 0) return -1;
     }
     time_t now = time(nullptr);
-    struct tm local;
-    sg_utcOffset = localtime_r(&now, &local) != nullptr ? local.tm_gmtoff : 0;
+    const struct tm *local = localtime(&now);
+    sg_utcOffset = local != nullptr ? local->tm_gmtoff : 0;
     struct sigaction sa;
     memset(&sa, 0, sizeof sa);
     sa.sa_sigaction = onSignal_;
     // Not deferred: a fault inside the save must reach the handler again, to
     // be caught by the guard or to end the process by the first signal.
-    sa.sa_flags = SA_SIGINFO | SA_ONSTACK | SA_NODEFER;
-    sigemptyset(&sa.sa_mask);
-    for (int i = 0; i < kSignalCount; ++i) {
-        if (sigaction(kSignals[i], &sa, &sg_old[i]) == 0) continue;
-        while (--i >= 0) sigaction(kSignals[i], &sg_old[i], nullptr);
-        return -1;
-    }
+    sa.sa_flags = SA_SIGINFO | SA_ONSTACK | SA_NODEFER;  // the mask stays empty, as memset left it
+    // These five can always be caught: sigaction cannot refuse them.
+    for (int i = 0; i < kSignalCount; ++i) sigaction(kSignals[i], &sa, &sg_old[i]);
     sg_installed = true;
     return 0;
 }

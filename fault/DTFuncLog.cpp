@@ -7,6 +7,10 @@
 #include "foundation/DTString.h"
 #include "records/DTBuffer.h"
 
+// Making, releasing and showing run seldom: small code counts for more there
+// on the board than speed does.
+#define DTFUNCLOG_COLD __attribute__((cold))
+
 namespace {
 
 const size_t kDumpFormatSize = 100;
@@ -18,7 +22,7 @@ int32_t findFunc_(const DTFuncLog *log, const char *name) {
     return -1;
 }
 
-void showRecord_(const DTFuncLogEntry *entry, int32_t k, const void *data, uint32_t len) {
+DTFUNCLOG_COLD void showRecord_(const DTFuncLogEntry *entry, int32_t k, const void *data, uint32_t len) {
     DTPrint_Show(DTString_SFormat("\nindex=%d,func:%s %s\n", static_cast<int>(k), entry->func,
                                   entry->suffix),
                  0);
@@ -41,7 +45,7 @@ void showRecord_(const DTFuncLogEntry *entry, int32_t k, const void *data, uint3
 
 extern "C" {
 
-DTFuncLog *DTFuncLog_New(const DTFuncLogEntry *funcs, int32_t count, uint32_t infoSize) {
+DTFUNCLOG_COLD DTFuncLog *DTFuncLog_New(const DTFuncLogEntry *funcs, int32_t count, uint32_t infoSize) {
     DTFuncLog *log = static_cast<DTFuncLog *>(DTMem_LocalMalloc(sizeof(DTFuncLog)));
     if (log == nullptr) return nullptr;
     log->info = DTInfo_New(infoSize);
@@ -55,7 +59,7 @@ DTFuncLog *DTFuncLog_New(const DTFuncLogEntry *funcs, int32_t count, uint32_t in
     return log;
 }
 
-void DTFuncLog_Release(DTFuncLog *log) {
+DTFUNCLOG_COLD void DTFuncLog_Release(DTFuncLog *log) {
     if (log == nullptr) return;
     if (log->info != nullptr) DTInfo_Release(log->info);
     DTMem_LocalFree(log);
@@ -87,7 +91,7 @@ int32_t DTFuncLog_Get(DTFuncLog *log, int32_t index, uint32_t *pos, uint32_t *fu
     return 1;
 }
 
-void DTFuncLog_ShowFunc(DTFuncLog *log) {
+DTFUNCLOG_COLD void DTFuncLog_ShowFunc(DTFuncLog *log) {
     if (log == nullptr) return;
     DTPrint_Puts("", 0);
     for (int32_t i = 0; i < log->count; ++i) {
@@ -99,7 +103,7 @@ void DTFuncLog_ShowFunc(DTFuncLog *log) {
     }
 }
 
-void DTFuncLog_Show(DTFuncLog *log, const char *funcName, int32_t skip, int32_t count) {
+DTFUNCLOG_COLD void DTFuncLog_Show(DTFuncLog *log, const char *funcName, int32_t skip, int32_t count) {
     if (log == nullptr) return;
     int32_t filter = -1;
     if (funcName != nullptr && funcName[0] != '\0') {
