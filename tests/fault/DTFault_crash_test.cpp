@@ -74,7 +74,7 @@ extern "C" int fputc(int c, FILE *f) {
 
 namespace {
 
-__attribute__((noinline)) void NullDeref() {
+__attribute__((noinline, no_sanitize("undefined"))) void NullDeref() {
     volatile int *volatile p = nullptr;
     *p = 1;
 }
