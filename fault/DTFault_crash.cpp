@@ -1,5 +1,7 @@
 // Small before fast: only the store walk below is a loop that matters.
+#if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC optimize("Os")
+#endif
 
 // The fault file written from a signal handler: only async-signal-safe calls,
 // no allocation, no lock, and every pointer and length of the stores it walks
