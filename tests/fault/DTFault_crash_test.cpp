@@ -37,6 +37,7 @@ std::string g_trace;
 // Set in a child: the first write to a file lets g_second go and waits, and
 // every such write is counted in shared memory.
 volatile int *g_fileWrites;
+time_t g_now;  // the clock, when set
 volatile int g_second;
 bool IsA(int fd, mode_t type) {
     struct stat st;
@@ -68,7 +69,7 @@ extern "C" int rename(const char *from, const char *to) {
 extern "C" time_t time(time_t *out) {
     struct timespec now;
     clock_gettime(CLOCK_REALTIME, &now);
-    time_t t = g_killAt != 0 ? 1700000000 : now.tv_sec;
+    time_t t = g_now != 0 ? g_now : g_killAt != 0 ? 1700000000 : now.tv_sec;
     if (out) *out = t;
     return t;
 }
@@ -103,6 +104,7 @@ void IllegalInstruction() {
 #endif
 }
 void CrashingCallback() { NullDeref(); }
+void SentSegv() { kill(getpid(), SIGSEGV); }
 
 struct Host {
     DTFaultRecord *net, *disk;
@@ -239,22 +241,30 @@ TEST_F(Crash, HostHandlerInstalledBeforeStillRuns) {
     plain.sa_handler = HostPlain;
     info.sa_sigaction = HostInfo;
     info.sa_flags = SA_SIGINFO;
-    for (const auto &c : {std::make_pair(&plain, "plain"), std::make_pair(&info, "info at 0")}) {
+    const struct {
+        struct sigaction *host;
+        const char *ran;
+        void (*crash)();
+        int dies;  // a sent signal comes back once: the host's handler returns and the process lives on
+    } cases[] = {{&plain, "plain", NullDeref, SIGSEGV},
+                 {&info, "info at 0", NullDeref, SIGSEGV},
+                 {&plain, "plain", SentSegv, 0}};
+    for (const auto &c : cases) {
         int fds[2];
         ASSERT_EQ(pipe(fds), 0);
         g_hostPipe = fds[1];
         int status = Child([&] {
-            sigaction(SIGSEGV, c.first, nullptr);
+            sigaction(SIGSEGV, c.host, nullptr);
             DTFault_SaveOnCrash(h.net);
             DTFault_SaveOnCrash(h.net);  // again: the host's handler stays the one passed on to
-            NullDeref();
+            c.crash();
         });
         close(fds[1]);
         char got[16] = {};
         EXPECT_GT(read(fds[0], got, sizeof got - 1), 0);
         close(fds[0]);
-        EXPECT_STREQ(got, c.second);
-        EXPECT_EQ(WTERMSIG(status), SIGSEGV);
+        EXPECT_STREQ(got, c.ran);
+        EXPECT_EQ(WIFSIGNALED(status) ? WTERMSIG(status) : 0, c.dies);
         EXPECT_NE(dtfcm::Decode(ReadFcm()).records.size(), 0u);
     }
     // Switched off, the host's handler is back.
@@ -325,7 +335,9 @@ TEST_F(Crash, DamagedStoreStopsThatStoreOnly) {
         {"area pointer unreadable",
          [&] { h.disk->runLog->store->memory = reinterpret_cast<DTMemBlock *>(static_cast<char *>(unreadable) + 4096); },
          "\n1 run disk"},
-        {"list count wrong", [&] { reinterpret_cast<int32_t *>(g_DTFault_List)[0] = INT_MAX; }, nullptr},
+        {"list count too high", [&] { reinterpret_cast<int32_t *>(g_DTFault_List)[0] = INT_MAX; }, nullptr},
+        {"list count too low", [&] { reinterpret_cast<int32_t *>(g_DTFault_List)[0] = 1; }, "disk"},
+        {"free size past the area", [&] { run()->freesize = run()->memory->size; }, "\n1 run net: crc"},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.what);
@@ -450,6 +462,7 @@ TEST_F(Crash, CrashSaveWritesWhatTheSaveWrites) {
             DTFault_SetRunLog(f[i], line % 4, 0, std::string(line % 53, 'a' + i).c_str());
             DTFault_SetCounter(f[i], line, i);
         }
+        DTFault_SetRunLog(f[i], 1, 0, "");  // a record without data closes the store
     }
     DTFault_SetValue(f[1], 1, std::string(DTFAULT_VALUE_MAX, 'v').data(), DTFAULT_VALUE_MAX);  // too long for the file
     ASSERT_EQ(DTFault_SaveOnCrash(f[2]), 0);
@@ -471,3 +484,28 @@ TEST_F(Crash, CrashSaveWritesWhatTheSaveWrites) {
 
 }  // namespace
 
+
+// The stamp's date, by hand in the handler, against the calendar's edges (UTC).
+// Equivalent mutants left: a short write's resume (files take whole writes),
+// the first page's bound at 4096, a flush one byte early, and the signal
+// table's end (any signal not in it reads as "SIG?" either way).
+TEST_F(Crash, StampDatesAcrossTheCalendar) {
+    setenv("TZ", "UTC", 1);
+    tzset();
+    DTFaultRecord *f = DTFault_Regist("t", nullptr);
+    ASSERT_EQ(DTFault_SaveOnCrash(f), 0);
+    const std::pair<time_t, const char *> cases[] = {
+        {86400, "01/02 00:00:00 "},      {951782399, "02/28 23:59:59 "}, {951868799, "02/29 23:59:59 "},
+        {951868800, "03/01 00:00:00 "},  {978220800, "12/31 00:00:00 "}, {1709251199, "02/29 23:59:59 "},
+        {4102444799, "12/31 23:59:59 "}, {4107542400, "03/01 00:00:00 "},
+    };
+    for (const auto &c : cases) {
+        g_now = c.first;
+        DTFault_CrashSave_(SIGTERM, nullptr, nullptr);
+        std::vector<dtfcm::Record> r = dtfcm::Decode(ReadFcm()).records;
+        ASSERT_EQ(r.size(), 2u);
+        EXPECT_EQ(r[0].text, c.second) << c.first;
+        EXPECT_EQ(r[1].text.substr(0, 22), "crash: SIG? signal 15 ");
+    }
+    g_now = 0;
+}
