@@ -1,0 +1,89 @@
+// dtkit_exporter's work, apart from HTTP: the command line, the probe
+// request's parameters, and the one collector core that every probe shares.
+//
+// The hand-off between the HTTP server's threads and the core's loop thread:
+// a probe's HTTP thread makes a Pending (mutex, condition variable, report),
+// hands the job to Core::Submit, and waits on the condition variable. The
+// loop thread feeds the events into the report and, in the DoneFn, stores the
+// outcome and sets `done` under the mutex. The report is touched only by the
+// loop thread until `done` is set and only by the HTTP thread after it, so the
+// mutex is the one point where the two meet. The Pending is shared (both
+// callbacks hold it), so an HTTP thread that gives up early leaves the loop
+// thread writing into memory that is still alive.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "collect_core.h"
+
+namespace dtexporter {
+
+constexpr uint16_t kDefaultPort = 9469;
+
+struct Options {
+    std::string listenHost = "127.0.0.1";  // "" = every address
+    uint16_t listenPort = kDefaultPort;   // 0 = an ephemeral port, reported on standard error
+    double timeoutSec = 10;               // the longest a probe may take; the scrape's own timeout may shorten it
+    size_t parallel = 256;                // collections in flight at once; the rest wait their turn
+};
+
+extern const char kUsage[];
+
+// The command line without the program name. false with the reason on bad
+// usage; help or version set when asked for.
+bool ParseArgs(const std::vector<std::string> &args, Options &o, bool &help, bool &version, std::string &error);
+
+// "ADDR:PORT", "[V6ADDR]:PORT" or ":PORT" (every address).
+bool ParseListenAddress(const std::string &text, std::string &host, uint16_t &port);
+
+struct Probe {
+    std::string target;
+    uint32_t type = 0;   // 0..2 collection, 3 self test
+    int timeoutMs = 0;
+};
+
+// The query of GET /probe and the X-Prometheus-Scrape-Timeout-Seconds header
+// (null when absent). The deadline is the smaller of maxSec and, when the
+// header is there, the larger of (header - 0.5 s) and half the header: the
+// answer must be back before Prometheus gives up on the scrape. Unknown
+// parameters are refused, so that a misspelt one fails the scrape instead of
+// silently asking for something else. false with a one-line reason.
+bool ParseProbe(const std::multimap<std::string, std::string> &params, const std::string *scrapeTimeout,
+                double maxSec, Probe &p, std::string &error);
+
+// The process' own figures (CPU seconds, memory, descriptors, start time) in
+// the exposition format, read from /proc.
+std::string ProcessFigures();
+
+class Exporter {
+public:
+    explicit Exporter(const Options &o);
+    ~Exporter();
+    Exporter(const Exporter &) = delete;
+    Exporter &operator=(const Exporter &) = delete;
+
+    // Opens the core and starts its loop on a thread of its own.
+    bool Start(std::string &error);
+    // Stops the loop and waits for it; called once no probe is waiting.
+    void Stop();
+
+    // One probe, on an HTTP thread: blocks until the collection is done (or
+    // its deadline and a second's grace have passed) and returns the body.
+    std::string RunProbe(const Probe &p);
+    std::string Metrics() const;
+    void CountBadRequest() { ++badRequests_; }
+
+private:
+    Options options_;
+    dtcore::Core core_;
+    std::thread loop_;
+    bool started_ = false;
+    std::atomic<uint64_t> probes_{0}, failures_{0}, badRequests_{0}, values_{0};
+};
+
+}  // namespace dtexporter
