@@ -1,19 +1,11 @@
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <sched.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
-#include <cstdlib>
 #include <fstream>
 #include <map>
-#include <tuple>
 #include <sstream>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "collect/collect_getdata.h"
 #include "../collect/test_collector.h"
@@ -24,43 +16,33 @@ namespace {
 
 const size_t npos = std::string::npos;
 
-// The JSON members of one flat object line, string values decoded: just
-// enough of a JSON reader to get the bytes back.
+// The members of one flat JSON object line, strings decoded as a JSON reader
+// would (only the escapes JSON text needs below U+0800), numbers and null
+// kept as written after a '#'.
 std::map<std::string, std::string> ParseObject(const std::string &line) {
     std::map<std::string, std::string> members;
     size_t i = 1;
     auto text = [&]() {
         std::string out;
-        for (++i; i < line.size() && line[i] != '"'; ++i) {
-            if (line[i] != '\\') {
+        for (++i; line[i] != '"'; ++i) {
+            if (line[i] != '\\' || line[++i] != 'u') {
                 out += line[i];
-                continue;
-            }
-            char e = line[++i];
-            if (e != 'u') {
-                out += e == 'n' ? '\n' : e == 't' ? '\t' : e == 'r' ? '\r' : e == 'b' ? '\b' : e == 'f' ? '\f' : e;
                 continue;
             }
             unsigned cp = unsigned(std::stoul(line.substr(i + 1, 4), nullptr, 16));
             i += 4;
             if (cp < 0x80) out += char(cp);
-            else if (cp < 0x800) out += {char(0xC0 | cp >> 6), char(0x80 | (cp & 0x3F))};
-            else out += {char(0xE0 | cp >> 12), char(0x80 | ((cp >> 6) & 0x3F)), char(0x80 | (cp & 0x3F))};
+            else out += {char(0xC0 | cp >> 6), char(0x80 | (cp & 0x3F))};
         }
         ++i;
         return out;
     };
-    while (i < line.size() && line[i] == '"') {
+    while (line[i] == '"') {
         std::string key = text();
-        ++i;  // the colon
-        if (line[i] == '"') {
-            members[key] = text();
-        } else {
-            size_t end = line.find_first_of(",}", i);
-            members[key] = "#" + line.substr(i, end - i);  // a bare number or null, marked
-            i = end;
-        }
-        if (line[i] == ',') ++i;
+        size_t end = line.find_first_of(",}", ++i);
+        bool quoted = line[i] == '"';
+        members[key] = quoted ? text() : "#" + line.substr(i, end - i);
+        i = quoted ? i + 1 : end + 1;  // past the comma
     }
     return members;
 }
@@ -81,12 +63,11 @@ TEST(DtcollectJson, EveryByteStringRoundTrips) {
         {std::string("\n\t\x01\x1f\x7f\x00", 6), true},
         {"\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80\xef\xbf\xbf\xf4\x8f\xbf\xbf", true},  // up to U+10FFFF
         {"\xe9", false},                  // the Latin-1 byte that "\xc3\xa9" must not be confused with
-        {"\xc3", false},                  // cut sequence
+        {"ok \xc3", false},               // cut sequence
+        {"\xe2\x82" "a", false},
         {"\xc0\x80", false},              // overlong
         {"\xed\xa0\x80", false},          // surrogate
         {"\xf4\x90\x80\x80", false},      // past U+10FFFF
-        {"\xe2\x82" "a", false},
-        {"ok \xff\xfe", false},
     };
     for (const auto &c : strings) {
         SCOPED_TRACE(dtcore::Hex(c.first));
@@ -103,52 +84,65 @@ TEST(DtcollectJson, EveryByteStringRoundTrips) {
         e.kind = dtcore::kBuffer;
         EXPECT_EQ(Unhex(ParseObject(dtcore::FormatJson("h", e))["value"]), c.first);
     }
-    const std::tuple<int, uint64_t, std::string> numbers[] = {
-        {dtcore::kInt, 4294967295u, "#4294967295"},
-        {dtcore::kLong, 9007199254740993ull, "9007199254740993"},  // 2^53 + 1
-        {dtcore::kLong, 18446744073709551615ull, "18446744073709551615"},
-    };
-    for (const auto &n : numbers) {
-        dtcore::Event e;
-        e.kind = std::get<0>(n);
-        e.number = std::get<1>(n);
-        EXPECT_EQ(ParseObject(dtcore::FormatJson("h", e))["value"], std::get<2>(n));
-    }
+    dtcore::Event n;
+    n.kind = dtcore::kLong;
+    n.number = 18446744073709551615ull;
+    EXPECT_EQ(ParseObject(dtcore::FormatJson("h", n))["value"], "18446744073709551615");
+    n.kind = dtcore::kInt;
+    n.number = 4294967295u;
+    EXPECT_EQ(ParseObject(dtcore::FormatJson("h", n))["value"], "#4294967295");
 }
 
 TEST(DtcollectArgs, BadUsageExitsTwoWithAMessage) {
-    const std::pair<std::vector<std::string>, std::string> cases[] = {
-        {{}, "no HOST given"},
-        {{"--type", "3", "h"}, "bad value for --type: 3"},
-        {{"--timeout", "0", "h"}, "bad value for --timeout: 0"},
-        {{"--type", "1", "--selftest", "h"}, "--type and --selftest exclude each other"},
-        {{"--parallel", "0", "h"}, "bad value for --parallel: 0"},
-        {{"--hosts-file", "/nonexistent/hosts"}, "cannot read the hosts file /nonexistent/hosts"},
-        {{"h", "--timeout"}, "--timeout needs a value"},
-        {{"--bogus", "h"}, "unknown option --bogus"},
+    const struct {
+        std::vector<std::string> args;
+        const char *input;  // standard input, for --hosts-file -
+        std::string error;
+    } cases[] = {
+        {{}, "", "no HOST given"},
+        {{"--hosts-file", "-"}, "# only a comment\n\n", "no HOST given"},
+        {{"--type", "3", "h"}, "", "bad value for --type: 3"},
+        {{"--type", "1", "--selftest", "h"}, "", "--type and --selftest exclude each other"},
+        {{"--parallel", "0", "h"}, "", "bad value for --parallel: 0"},
+        {{"--parallel", "100001", "h"}, "", "bad value for --parallel: 100001"},
+        {{"--sequence", "2147483648", "h"}, "", "bad value for --sequence: 2147483648"},
+        {{"--hosts-file", ""}, "", "bad value for --hosts-file: (empty)"},
+        {{"--hosts-file", "/nonexistent/hosts"}, "", "cannot read the hosts file /nonexistent/hosts"},
+        {{"--hosts-file", "-"}, "a\n\n b c # two\n", "(standard input):3: more than one host on the line"},
+        {{"h", "--timeout"}, "", "--timeout needs a value"},
+        {{"--bogus", "h"}, "", "unknown option --bogus"},
     };
     for (const auto &c : cases) {
-        std::istringstream in;
+        SCOPED_TRACE(c.error);
+        std::istringstream in(c.input);
         std::ostringstream out, err;
-        EXPECT_EQ(dtcollect::Main(c.first, in, out, err), 2);
-        EXPECT_NE(err.str().find("dtcollect: " + c.second), std::string::npos) << err.str();
+        EXPECT_EQ(dtcollect::Main(c.args, in, out, err), 2);
+        EXPECT_EQ(err.str().find("dtcollect: " + c.error + "\n"), 0u) << err.str();
+        EXPECT_EQ(out.str(), "");
     }
+    std::istringstream in;
+    std::ostringstream out, err;
+    EXPECT_EQ(dtcollect::Main({"h", "--version"}, in, out, err), 0);
+    const std::string version = out.str();
+    EXPECT_EQ(version.find("dtcollect (dtkit) "), 0u);
+    EXPECT_EQ(version.find('\n'), version.size() - 1);
 }
 
-std::string ReadAll(const std::string &path) {
+// Reads and removes the file.
+std::string Take(const std::string &path) {
     std::ifstream f(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
+    std::string text((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
+    remove(path.c_str());
+    return text;
 }
 // Runs the program itself, in this test's network namespace.
 int RunTool(const std::string &args, std::string &out, std::string &err, const std::string &input = "") {
     std::string base = "/tmp/dtcollect-test-" + std::to_string(getpid());
     std::ofstream(base + ".in") << input;
     int status = system((DTCOLLECT_COMMAND " " + args + " <" + base + ".in >" + base + ".out 2>" + base + ".err").c_str());
-    remove((base + ".in").c_str());
-    out = ReadAll(base + ".out");
-    err = ReadAll(base + ".err");
-    remove((base + ".out").c_str());
-    remove((base + ".err").c_str());
+    Take(base + ".in");
+    out = Take(base + ".out");
+    err = Take(base + ".err");
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
@@ -195,10 +189,6 @@ TEST(DtcollectProgram, PrintsExactlyWhatTheSectionsPutAndReportsEachFailure) {
         ASSERT_EQ(system("ip link set lo up"), 0);
     }
     std::string out, err;
-    EXPECT_EQ(RunTool("--timeout 0.2 127.0.0.1", out, err), 1) << "no agent yet";
-    EXPECT_EQ(out, "");
-    EXPECT_NE(err.find("dtcollect: 127.0.0.1: no connection from the device within 0.2 s (TCP port "), npos) << err;
-    EXPECT_NE(err.find(") at byte offset 0\ndtcollect: 0 hosts collected, 1 failed, 0 values, 0.2"), npos) << err;
     g_numbers = Collect_New("numbers", PutNumbers, nullptr);
     g_texts = Collect_New("texts", PutTexts, SelfTestTexts);
     ASSERT_TRUE(ct::StartAgent(0x01020000)) << "UDP 9099 is taken";
@@ -211,16 +201,10 @@ TEST(DtcollectProgram, PrintsExactlyWhatTheSectionsPutAndReportsEachFailure) {
                              Json("texts", 1, 0, 5, "buffer", "\"" + dtcore::Hex(kBlob) + "\"");
     EXPECT_EQ(RunTool("--json --type 2 127.0.0.1", out, err), 0) << err;
     EXPECT_EQ(out, json);
-    EXPECT_EQ(RunTool("--sequence 77 127.0.0.1", out, err), 0) << err;
-    std::string plain = "127.0.0.1 identity 01 02 sequence 77\n127.0.0.1 section 0 \"numbers\"\n"
-                        "127.0.0.1 section 1 \"texts\"\n127.0.0.1 \"numbers\" #0 block 7 code 1 int 3735928559\n";
-    EXPECT_EQ(out.substr(0, plain.size()), plain);
-    EXPECT_NE(out.find("\"texts\" #1 block 0 code 5 buffer 2500 " + dtcore::Hex(kBlob) + "\n"), npos) << out;
-    EXPECT_NE(out.find("\n127.0.0.1 end: "), npos) << out;
-    EXPECT_EQ(err.find("dtcollect: 1 hosts collected, 0 failed, 5 values, "), 0u) << err;
-    EXPECT_EQ(RunTool("--selftest 127.0.0.1", out, err), 0) << err;
-    EXPECT_NE(out.find("127.0.0.1 selftest \"texts\"\n127.0.0.1 \"texts\" #1 block 0 code 6 int 99\n"), npos) << out;
-    EXPECT_EQ(out.find("numbers"), npos) << out;
+    EXPECT_EQ(RunTool("--selftest --sequence 77 127.0.0.1", out, err), 0) << err;
+    EXPECT_EQ(out, "127.0.0.1 identity 01 02 sequence 77\n127.0.0.1 selftest \"texts\"\n"
+                   "127.0.0.1 \"texts\" #1 block 0 code 6 int 99\n127.0.0.1 end: 77 bytes, 1 values\n");
+    EXPECT_EQ(err.find("dtcollect: 1 hosts collected, 0 failed, 1 values, "), 0u) << err;
     // Hosts from a file and the command line run side by side; a host that
     // fails spares the others.
     EXPECT_EQ(RunTool("--json --parallel 2 --hosts-file - nosuch.invalid", out, err,
@@ -229,17 +213,12 @@ TEST(DtcollectProgram, PrintsExactlyWhatTheSectionsPutAndReportsEachFailure) {
     EXPECT_NE(err.find("dtcollect: nosuch.invalid: cannot resolve the host: "), npos) << err;
     EXPECT_NE(err.find("dtcollect: 2 hosts collected, 1 failed, 10 values, "), npos) << err;
     // The one listener's port is taken.
-    int held = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    socklen_t len = sizeof a;
-    ASSERT_EQ(bind(held, reinterpret_cast<sockaddr *>(&a), sizeof a), 0);
-    ASSERT_EQ(listen(held, 1), 0);
-    ASSERT_EQ(getsockname(held, reinterpret_cast<sockaddr *>(&a), &len), 0);
-    const std::string port = std::to_string(ntohs(a.sin_port));
+    int held = -1;
+    const std::string port = std::to_string(ct::Listen(&held));
     EXPECT_EQ(RunTool("--listen-port " + port + " 127.0.0.1", out, err), 1);
     EXPECT_EQ(err.find("dtcollect: cannot listen on TCP port " + port), 0u) << err;
     close(held);
+    // Lines are printed as they are decoded: those before a stall are out.
     g_stallMs = 1500;
     EXPECT_EQ(RunTool("--timeout 0.3 127.0.0.1", out, err), 1);
     EXPECT_EQ(out.find("127.0.0.1 identity 01 02 sequence "), 0u) << out;
