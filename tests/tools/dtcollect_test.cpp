@@ -148,15 +148,17 @@ int RunTool(const std::string &args, std::string &out, std::string &err, const s
 
 CollectSection *g_numbers = nullptr;
 CollectSection *g_texts = nullptr;
-const std::string kOdd = "tab\t\"q\" \xc3\xa9\x01\xff";
+// The agent's thread may still be in the stalled collection when the process
+// ends, so the values it puts are never destroyed.
+const std::string &kOdd = *new std::string("tab\t\"q\" \xc3\xa9\x01\xff");
 // n bytes repeating only every `period`, so that a lost or doubled piece shows.
 std::string Seq(int n, int period, char first) {
     std::string s;
     for (int i = 0; i < n; ++i) s += char(first + i % period);
     return s;
 }
-const std::string kLong = Seq(3000, 26, 'a');
-const std::string kBlob = Seq(2500, 256, 0);
+const std::string &kLong = *new std::string(Seq(3000, 26, 'a'));
+const std::string &kBlob = *new std::string(Seq(2500, 256, 0));
 std::atomic<int> g_stallMs{0};
 void PutNumbers(uint32_t) {
     usleep(g_stallMs * 1000);

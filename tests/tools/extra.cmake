@@ -23,3 +23,10 @@ if(TARGET dtkit_exporter)
   target_link_libraries(test_dtkit_exporter_test PRIVATE PkgConfig::DTKIT_HTTPLIB)
   target_compile_definitions(test_dtkit_exporter_test PRIVATE DTKIT_EXPORTER_COMMAND="$<TARGET_FILE:dtkit_exporter>")
 endif()
+# Every test program of this folder, for a build of the tools' tests alone
+# (the ThreadSanitizer leg builds this target and runs ctest -L tools).
+add_custom_target(dtkit_tools_tests)
+foreach(src ${tsrcs})
+  get_filename_component(name ${src} NAME_WE)
+  add_dependencies(dtkit_tools_tests test_${name})
+endforeach()
