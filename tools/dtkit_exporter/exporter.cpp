@@ -21,6 +21,7 @@ namespace dtexporter {
 
 const char kUsage[] =
     "usage: dtkit_exporter [--web.listen-address ADDR:PORT] [--collect.timeout SEC] [--collect.parallel N]\n"
+    "                      [--collect.listen-port P]\n"
     "Prometheus exporter for dtkit devices: GET /probe?target=HOST[&type=N] collects from\n"
     "HOST (UDP port 9099, the device connects back) and answers every int and long value\n"
     "as dtkit_value{section,block,code}; GET /metrics gives the exporter's own figures.\n"
@@ -31,6 +32,9 @@ const char kUsage[] =
     "                     timeout less 0.5 s (at least half of it)\n"
     "  --collect.parallel N   collections in flight at once, 1 to 65536 (default 256);\n"
     "                     the rest wait their turn\n"
+    "  --collect.listen-port P  the TCP port the devices connect back to (default 0:\n"
+    "                     an ephemeral one); fix it where a firewall stands between\n"
+    "                     the devices and the exporter\n"
     "  type=N: 0, 1 or 2 ask for a collection of that type (default 0), 3 for a self test.\n"
     "Section names are label values: a backslash is doubled, and control bytes and\n"
     "bytes that are not UTF-8 are written \\xNN. A value whose section, block and code\n"
@@ -114,7 +118,8 @@ bool ParseArgs(const std::vector<std::string> &args, Options &o, bool &help, boo
             version = true;
             return true;
         }
-        if (name != "--web.listen-address" && name != "--collect.timeout" && name != "--collect.parallel") {
+        if (name != "--web.listen-address" && name != "--collect.timeout" && name != "--collect.parallel" &&
+            name != "--collect.listen-port") {
             return fail(error, name.compare(0, 1, "-") == 0 ? "unknown option " + name : "unexpected argument " + name);
         }
         if (!inlineValue) {
@@ -127,9 +132,12 @@ bool ParseArgs(const std::vector<std::string> &args, Options &o, bool &help, boo
             ok = ParseListenAddress(value, o.listenHost, o.listenPort);
         } else if (name == "--collect.timeout") {
             ok = parseSeconds(value, 3600, o.timeoutSec);
-        } else {
+        } else if (name == "--collect.parallel") {
             ok = parseCount(value, 1, 65536, n);
-            if (ok) o.parallel = size_t(n);
+            o.parallel = ok ? size_t(n) : o.parallel;
+        } else {
+            ok = parseCount(value, 0, 65535, n);
+            o.collectPort = ok ? uint16_t(n) : o.collectPort;
         }
         if (!ok) return fail(error, "bad value for " + name + ": " + value);
     }
@@ -210,7 +218,7 @@ std::string ProcessFigures() {
     return out;
 }
 
-Exporter::Exporter(const Options &o) : options_(o), core_(dtcore::Core::Config{o.parallel, 0}) {}
+Exporter::Exporter(const Options &o) : options_(o), core_(dtcore::Core::Config{o.parallel, o.collectPort}) {}
 
 Exporter::~Exporter() { Stop(); }
 

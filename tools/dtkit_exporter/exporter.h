@@ -30,6 +30,7 @@ struct Options {
     uint16_t listenPort = kDefaultPort;   // 0 = an ephemeral port, reported on standard error
     double timeoutSec = 10;               // the longest a probe may take; the scrape's own timeout may shorten it
     size_t parallel = 256;                // collections in flight at once; the rest wait their turn
+    uint16_t collectPort = 0;             // the TCP port devices connect back to; 0 = an ephemeral one
 };
 
 extern const char kUsage[];
