@@ -92,14 +92,14 @@ TEST(ExporterRequests, ProbeParametersAndTheScrapeTimeout) {
 TEST(ExporterRequests, CommandLine) {
     const std::pair<std::vector<std::string>, std::string> cases[] = {
         {{}, "127.0.0.1 9469 10 256 0"},
-        {{"--web.listen-address", ":80", "--collect.timeout=2.5", "--collect.parallel", "65536"}, " 80 2.5 65536 0"},
+        {{"--web.listen-address", ":80", "--collect.timeout=2.5", "--collect.parallel", "4096"}, " 80 2.5 4096 0"},
         {{"--web.listen-address=[::1]:0", "--collect.parallel=1", "--collect.timeout", "3600"}, "::1 0 3600 1 0"},
         {{"--collect.listen-port", "65535"}, "127.0.0.1 9469 10 256 65535"},
         {{"--collect.listen-port=65536"}, "bad value for --collect.listen-port: 65536"},
         {{"--web.listen-address", "::1:65536"}, "bad value for --web.listen-address: ::1:65536"},
         {{"--web.listen-address=[]:80"}, "bad value for --web.listen-address: []:80"},
         {{"--collect.timeout", "3600.5"}, "bad value for --collect.timeout: 3600.5"},
-        {{"--collect.parallel", "65537"}, "bad value for --collect.parallel: 65537"},
+        {{"--collect.parallel", "4097"}, "bad value for --collect.parallel: 4097"},
         {{"--collect.parallel"}, "--collect.parallel needs a value"},
         {{"--bogus", "host"}, "unknown option --bogus"},
     };

@@ -30,7 +30,7 @@ const char kUsage[] =
     "  --collect.timeout SEC  the longest one probe may take (default 10); a scrape's\n"
     "                     X-Prometheus-Scrape-Timeout-Seconds shortens it to that\n"
     "                     timeout less 0.5 s (at least half of it)\n"
-    "  --collect.parallel N   collections in flight at once, 1 to 65536 (default 256);\n"
+    "  --collect.parallel N   collections in flight at once, 1 to 4096 (default 256);\n"
     "                     the rest wait their turn\n"
     "  --collect.listen-port P  the TCP port the devices connect back to (default 0:\n"
     "                     an ephemeral one); fix it where a firewall stands between\n"
@@ -133,7 +133,7 @@ bool ParseArgs(const std::vector<std::string> &args, Options &o, bool &help, boo
         } else if (name == "--collect.timeout") {
             ok = parseSeconds(value, 3600, o.timeoutSec);
         } else if (name == "--collect.parallel") {
-            ok = parseCount(value, 1, 65536, n);
+            ok = parseCount(value, 1, kMaxParallel, n);
             o.parallel = ok ? size_t(n) : o.parallel;
         } else {
             ok = parseCount(value, 0, 65535, n);

@@ -24,6 +24,9 @@
 namespace dtexporter {
 
 constexpr uint16_t kDefaultPort = 9469;
+// Each slot has an HTTP worker thread waiting on it; past a few thousand
+// threads a process meets the system's limits before the devices do.
+constexpr uint64_t kMaxParallel = 4096;
 
 struct Options {
     std::string listenHost = "127.0.0.1";  // "" = every address

@@ -4,6 +4,7 @@
 // and a few more for /metrics and requests that wait for a slot.
 #include <httplib.h>
 #include <signal.h>
+#include <sys/resource.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -22,6 +23,16 @@ const size_t kSpareWorkers = 16;
 void oneLine(httplib::Response &res, int status, const std::string &text) {
     res.status = status;
     res.set_content(text + "\n", "text/plain; charset=utf-8");
+}
+
+// Each collection in flight holds a descriptor or two and each worker a
+// connection; the core raises the limit only for its own part.
+void raiseDescriptorLimit() {
+    rlimit lim{};
+    if (getrlimit(RLIMIT_NOFILE, &lim) == 0 && lim.rlim_cur < lim.rlim_max) {
+        lim.rlim_cur = lim.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &lim);
+    }
 }
 
 void routes(httplib::Server &svr, dtexporter::Exporter &ex, double maxSec) {
@@ -63,6 +74,7 @@ int main(int argc, char **argv) {
         std::fputs(help ? dtexporter::kUsage : "dtkit_exporter (dtkit) " DTKIT_VERSION "\n", stdout);
         return 0;
     }
+    raiseDescriptorLimit();
     // SIGINT and SIGTERM are taken by a thread of their own (below), so every
     // other thread, started after this, keeps them blocked.
     sigset_t stopSignals;
