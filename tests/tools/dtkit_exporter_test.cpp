@@ -233,6 +233,9 @@ TEST(ExporterProgram, ProbesAnswerWhatTheSectionsPutManyAtOnceAndFailAlone) {
     Program version({DTKIT_EXPORTER_COMMAND, "--version"}, "version");
     EXPECT_EQ(version.Wait(false), 0);
     EXPECT_TRUE(std::regex_match(ReadAll(version.log), std::regex("dtkit_exporter \\(dtkit\\) [0-9]+\\.[0-9]+\\.[0-9]+\n")));
+    Program help({DTKIT_EXPORTER_COMMAND, "--help"}, "help");
+    EXPECT_EQ(help.Wait(false), 0);
+    EXPECT_EQ(ReadAll(help.log).find("usage: dtkit_exporter [--web.listen-address ADDR:PORT]"), 0u);
     Program bad({DTKIT_EXPORTER_COMMAND, "--collect.parallel", "0"}, "bad");
     EXPECT_EQ(bad.Wait(false), 2);
     EXPECT_EQ(ReadAll(bad.log).find("dtkit_exporter: bad value for --collect.parallel: 0\nusage: dtkit_exporter "), 0u);
