@@ -24,22 +24,6 @@ namespace {
 using dtexporter::Event;
 const size_t npos = std::string::npos;
 
-std::string ReadAll(const std::string &path) {
-    std::ifstream f(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
-}
-// promtool's complaint about exposition text; empty when it accepts it or is not installed.
-std::string Promtool(const std::string &text) {
-    const std::string base = "/tmp/dtkit-exporter-test-" + std::to_string(getpid());
-    std::ofstream(base + ".prom", std::ios::binary) << text;
-    const int rc = system(("! command -v promtool >/dev/null || promtool check metrics <" + base + ".prom >" + base +
-                           ".out 2>&1").c_str());
-    const std::string out = rc == 0 ? "" : "promtool: " + ReadAll(base + ".out");
-    remove((base + ".prom").c_str());
-    remove((base + ".out").c_str());
-    return out;
-}
-
 TEST(ExporterExposition, LabelValuesAreValidAndKeepEveryByte) {
     const std::pair<std::string, std::string> cases[] = {
         {"cpu a\\b\"", "cpu a\\\\b\""},
@@ -115,6 +99,22 @@ TEST(ExporterRequests, CommandLine) {
 }
 
 #ifdef DTKIT_EXPORTER_COMMAND
+std::string ReadAll(const std::string &path) {
+    std::ifstream f(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
+}
+// promtool's complaint about exposition text; empty when it accepts it or is not installed.
+std::string Promtool(const std::string &text) {
+    const std::string base = "/tmp/dtkit-exporter-test-" + std::to_string(getpid());
+    std::ofstream(base + ".prom", std::ios::binary) << text;
+    const int rc = system(("! command -v promtool >/dev/null || promtool check metrics <" + base + ".prom >" + base +
+                           ".out 2>&1").c_str());
+    const std::string out = rc == 0 ? "" : "promtool: " + ReadAll(base + ".out");
+    remove((base + ".prom").c_str());
+    remove((base + ".out").c_str());
+    return out;
+}
+
 // A program run by the test, standard output and error in one file.
 struct Program {
     pid_t pid = -1;
