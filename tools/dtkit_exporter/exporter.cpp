@@ -244,7 +244,6 @@ std::string Exporter::RunProbe(const Probe &p) {
         dtcore::Outcome outcome;
         ProbeReport report;
     };
-    ++probes_;
     const auto t0 = std::chrono::steady_clock::now();
     auto pending = std::make_shared<Pending>();
     dtcore::Job job;
@@ -266,23 +265,37 @@ std::string Exporter::RunProbe(const Probe &p) {
                                              [&] { return pending->done; });
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
     if (!done) {
-        ++failures_;
+        count_(1, 1, 0, 0);
         return ProbeReport().Render(false, seconds, "no result within the probe's deadline; every collection slot was busy");
     }
-    values_ += pending->report.Values();
-    failures_ += !pending->outcome.ok;
+    count_(1, !pending->outcome.ok, 0, pending->report.Values());
     return pending->report.Render(pending->outcome.ok, seconds, pending->outcome.error);
 }
 
+void Exporter::CountBadRequest() { count_(0, 0, 1, 0); }
+
+void Exporter::count_(uint64_t probes, uint64_t failures, uint64_t badRequests, uint64_t values) {
+    std::lock_guard<std::mutex> lock(countLock_);
+    counts_.probes += probes;
+    counts_.failures += failures;
+    counts_.badRequests += badRequests;
+    counts_.values += values;
+}
+
 std::string Exporter::Metrics() const {
+    Counts c;
+    {
+        std::lock_guard<std::mutex> lock(countLock_);
+        c = counts_;
+    }
     std::string out;
     out += "# HELP dtkit_exporter_build_info The exporter's version.\n# TYPE dtkit_exporter_build_info gauge\n"
            "dtkit_exporter_build_info{version=\"" DTKIT_VERSION "\"} 1\n";
-    figure(out, "dtkit_exporter_probes_total", "counter", "Probes answered, failed ones included.", std::to_string(probes_));
+    figure(out, "dtkit_exporter_probes_total", "counter", "Probes answered, failed ones included.", std::to_string(c.probes));
     figure(out, "dtkit_exporter_probe_failures_total", "counter", "Probes whose collection failed.",
-            std::to_string(failures_));
-    figure(out, "dtkit_exporter_bad_requests_total", "counter", "Requests refused with 400.", std::to_string(badRequests_));
-    figure(out, "dtkit_exporter_values_total", "counter", "Values decoded by all probes.", std::to_string(values_));
+            std::to_string(c.failures));
+    figure(out, "dtkit_exporter_bad_requests_total", "counter", "Requests refused with 400.", std::to_string(c.badRequests));
+    figure(out, "dtkit_exporter_values_total", "counter", "Values decoded by all probes.", std::to_string(c.values));
     figure(out, "dtkit_exporter_collections_in_flight", "gauge", "Collections running now.",
             std::to_string(core_.InFlight()));
     figure(out, "dtkit_exporter_collections_queued", "gauge", "Collections waiting for a slot.",

@@ -12,7 +12,7 @@
 // thread writing into memory that is still alive.
 #pragma once
 
-#include <atomic>
+#include <mutex>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -80,14 +80,21 @@ public:
     // its deadline and a second's grace have passed) and returns the body.
     std::string RunProbe(const Probe &p);
     std::string Metrics() const;
-    void CountBadRequest() { ++badRequests_; }
+    void CountBadRequest();
 
 private:
     Options options_;
     dtcore::Core core_;
     std::thread loop_;
     bool started_ = false;
-    std::atomic<uint64_t> probes_{0}, failures_{0}, badRequests_{0}, values_{0};
+    struct Counts {
+        uint64_t probes = 0, failures = 0, badRequests = 0, values = 0;
+    };
+    // A mutex, not 64-bit atomics: the 32-bit board, where the tests also
+    // run, has no lock-free ones.
+    mutable std::mutex countLock_;
+    Counts counts_;  // guarded by countLock_
+    void count_(uint64_t probes, uint64_t failures, uint64_t badRequests, uint64_t values);
 };
 
 }  // namespace dtexporter
