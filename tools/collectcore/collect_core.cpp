@@ -201,7 +201,6 @@ bool Core::Open(std::string &error) {
 
 uint64_t Core::Submit(const Job &job, EventFn onEvent, DoneFn onDone) {
     std::unique_ptr<Collection> c(new Collection);
-    c->id = nextId_++;
     c->job = job;
     c->onEvent = std::move(onEvent);
     c->onDone = std::move(onDone);
@@ -211,9 +210,10 @@ uint64_t Core::Submit(const Job &job, EventFn onEvent, DoneFn onDone) {
         c->refused = "the deadline must be above 0 ms" + at(0);
     else
         resolve(job.host, c->addr, c->refused);
-    uint64_t id = c->id;
+    uint64_t id;
     {
         std::lock_guard<std::mutex> g(queueLock_);
+        id = c->id = nextId_++;
         queue_.push_back(std::move(c));
     }
     uint64_t one = 1;

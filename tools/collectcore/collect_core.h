@@ -116,11 +116,12 @@ private:
     int listenFd_ = -1, udpFd_ = -1, epollFd_ = -1, wakeFd_ = -1;
     uint16_t boundPort_ = 0;
     std::atomic<bool> stop_{false};
-    std::atomic<uint64_t> nextId_{1};
     std::atomic<size_t> inFlight_{0};
 
+    // A mutex, not a 64-bit atomic: the 32-bit board has no lock-free one.
     mutable std::mutex queueLock_;
     std::deque<std::unique_ptr<Collection>> queue_;  // guarded by queueLock_
+    uint64_t nextId_ = 1;                            // guarded by queueLock_
 
     // Loop thread only from here on.
     std::unordered_map<uint64_t, std::unique_ptr<Collection>> flight_;  // by id
