@@ -48,10 +48,6 @@ const char *__ubsan_default_options() { return "halt_on_error=1:print_stacktrace
 
 #if defined(__SANITIZE_THREAD__)
 const char *__tsan_default_options() { return "halt_on_error=1:second_deadlock_stack=1"; }
-// The library takes no lock, so a test can only learn that the agent has
-// started by polling the logger pointer the agent's thread sets: a race by
-// design, confined to that one read (the top frame of the reading access).
-const char *__tsan_default_suppressions() { return "race_top:ct::StartAgent\n"; }
 #endif
 
 void *Kybe_Malloc(uint32_t size) {
