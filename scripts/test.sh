@@ -1,12 +1,14 @@
 #!/usr/bin/env bash
 # Runs every test in three builds ("legs"): native, native with
 # AddressSanitizer and UndefinedBehaviorSanitizer, and cross-built for the
-# 32-bit big-endian PowerPC target under qemu-ppc. Then two more legs: the
+# 32-bit big-endian PowerPC target under qemu-ppc. The tools' tests (the
+# collector core, dtcollect, dtkit_exporter and the rest of tests/tools) run
+# once more under ThreadSanitizer (leg tsan). Then two more legs: the
 # native tests with coverage, held to its floors (scripts/coverage.sh), and
 # every fuzz target for a few seconds (scripts/fuzz.sh; DTKIT_FUZZ_SECONDS,
 # default 3).
 #   scripts/test.sh                 every leg, as CI does
-#   scripts/test.sh --leg native    one leg: native, asan, ppc, coverage or fuzz
+#   scripts/test.sh --leg native    one leg: native, asan, ppc, tsan, coverage or fuzz
 # Installs missing packages when run as root; otherwise names them and stops.
 # The fault file is the board's /fcm.log when "/" is writable, else a file in
 # each leg's build directory.
@@ -15,14 +17,14 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 out=${DTKIT_BUILD_ROOT:-$root/build-ci}
 jobs=${DTKIT_JOBS:-2}
 
-usage() { echo "usage: $0 [--leg native|asan|ppc|coverage|fuzz]"; }
-legs=(native asan ppc coverage fuzz)
+usage() { echo "usage: $0 [--leg native|asan|ppc|tsan|coverage|fuzz]"; }
+legs=(native asan ppc tsan coverage fuzz)
 while [ $# -gt 0 ]; do
   case $1 in
     --leg)
       [ $# -ge 2 ] || { echo "test.sh: --leg needs a leg name" >&2; usage >&2; exit 2; }
       case $2 in
-        native|asan|ppc|coverage|fuzz) legs=("$2") ;;
+        native|asan|ppc|tsan|coverage|fuzz) legs=("$2") ;;
         *) echo "test.sh: unknown leg '$2'" >&2; usage >&2; exit 2 ;;
       esac
       shift 2 ;;
@@ -41,6 +43,9 @@ command -v g++ >/dev/null || need+=(g++)
 command -v pkg-config >/dev/null || need+=(pkg-config)
 have_ip || need+=(iproute2)
 [ -f /usr/src/googletest/CMakeLists.txt ] || need+=(googletest libgtest-dev)
+# dtkit_exporter's HTTP library, and the real Prometheus and promtool its tests run.
+[ -f /usr/include/httplib.h ] || need+=(libcpp-httplib-dev)
+command -v prometheus >/dev/null || need+=(prometheus)
 if wants ppc; then
   command -v powerpc-linux-gnu-g++ >/dev/null || need+=(g++-powerpc-linux-gnu)
   command -v qemu-ppc >/dev/null || need+=(qemu-user)
@@ -54,6 +59,8 @@ fault_file() {
 }
 
 total_pass=0; total_fail=0; status=0
+# A leg that needs only some of the build names its targets and ctest arguments here.
+leg_targets=(); leg_ctest=()
 leg() {
   local name=$1; shift
   local dir=$out/$name
@@ -63,12 +70,12 @@ leg() {
   local t0=$SECONDS
   cmake -S "$root" -B "$dir" -G Ninja -DDTKIT_FAULT_FILE="$fcm" "$@" >"$out/$name.configure.log" 2>&1 \
     || { cat "$out/$name.configure.log"; return 1; }
-  cmake --build "$dir" -j"$jobs" >"$out/$name.build.log" 2>&1 \
+  cmake --build "$dir" -j"$jobs" ${leg_targets[@]+--target "${leg_targets[@]}"} >"$out/$name.build.log" 2>&1 \
     || { grep -v '^\[' "$out/$name.build.log" | tail -n 80; echo "build failed"; return 1; }
   echo "== leg $name: tests"
   local log=$out/$name.ctest.log
   set +e
-  (cd "$dir" && ctest -j"$jobs" --output-on-failure) >"$log" 2>&1
+  (cd "$dir" && ctest -j"$jobs" --output-on-failure ${leg_ctest[@]+"${leg_ctest[@]}"}) >"$log" 2>&1
   local rc=$?
   set -e
   grep -E -A200 'tests passed|The following tests FAILED' "$log" | head -n 60
@@ -111,6 +118,16 @@ fi
 if wants ppc; then
   leg ppc -DCMAKE_BUILD_TYPE=RelWithDebInfo \
     -DCMAKE_TOOLCHAIN_FILE="$root/cmake/powerpc-linux-gnu.cmake" || status=1
+fi
+# The tools run threads (dtkit_exporter's HTTP workers and the core's loop;
+# the tests' agents): their tests again, every program they start included,
+# built with ThreadSanitizer, which stops a program at its first report.
+if wants tsan; then
+  leg_targets=(dtkit_tools_tests); leg_ctest=(-L '^tools$')
+  TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" leg tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+    -DCMAKE_C_FLAGS=-fsanitize=thread -DCMAKE_CXX_FLAGS=-fsanitize=thread \
+    -DCMAKE_EXE_LINKER_FLAGS=-fsanitize=thread -DCMAKE_SHARED_LINKER_FLAGS=-fsanitize=thread || status=1
+  leg_targets=(); leg_ctest=()
 fi
 
 # A script leg counts as one check: it passes or it fails.

@@ -46,6 +46,10 @@ const char *__lsan_default_options() {
 const char *__ubsan_default_options() { return "halt_on_error=1:print_stacktrace=1"; }
 #endif
 
+#if defined(__SANITIZE_THREAD__)
+const char *__tsan_default_options() { return "halt_on_error=1:second_deadlock_stack=1"; }
+#endif
+
 void *Kybe_Malloc(uint32_t size) {
     ++g_mallocCalls;
     if (g_failAt && g_mallocCalls == g_failAt) return nullptr;

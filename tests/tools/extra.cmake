@@ -15,3 +15,18 @@ add_dependencies(test_dtconfigd_test dtconfigd)
 string(REPLACE ";" " " _dtconfigd_emulator "${CMAKE_CROSSCOMPILING_EMULATOR}")
 target_compile_definitions(test_dtconfigd_test PRIVATE
   DTCONFIGD_COMMAND="${_dtconfigd_emulator} $<TARGET_FILE:dtconfigd>")
+# dtkit_exporter: the probe and the exposition writer in-process, everywhere;
+# the program itself (and the real Prometheus) where the HTTP library is found.
+target_link_libraries(test_dtkit_exporter_test PRIVATE dtkit_exporter_core)
+if(TARGET dtkit_exporter)
+  add_dependencies(test_dtkit_exporter_test dtkit_exporter)
+  target_link_libraries(test_dtkit_exporter_test PRIVATE PkgConfig::DTKIT_HTTPLIB)
+  target_compile_definitions(test_dtkit_exporter_test PRIVATE DTKIT_EXPORTER_COMMAND="$<TARGET_FILE:dtkit_exporter>")
+endif()
+# Every test program of this folder, for a build of the tools' tests alone
+# (the ThreadSanitizer leg builds this target and runs ctest -L tools).
+add_custom_target(dtkit_tools_tests)
+foreach(src ${tsrcs})
+  get_filename_component(name ${src} NAME_WE)
+  add_dependencies(dtkit_tools_tests test_${name})
+endforeach()

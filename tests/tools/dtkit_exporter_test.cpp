@@ -1,0 +1,292 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <fstream>
+#include <regex>
+#include <set>
+#include <thread>
+
+#include "collect/collect_api.h"
+#include "collect/collect_getdata.h"
+#include "exporter.h"
+#include "exposition.h"
+#ifdef DTKIT_EXPORTER_COMMAND
+#include <httplib.h>
+#endif
+
+namespace {
+
+using dtexporter::Event;
+const size_t npos = std::string::npos;
+
+TEST(ExporterExposition, LabelValuesAreValidAndKeepEveryByte) {
+    const std::pair<std::string, std::string> cases[] = {
+        {"cpu a\\b\"", "cpu a\\\\b\""},
+        {"\x01\x1f\x7f\n", "\\x01\\x1f\\x7f\\x0a"},
+        // The first and last well-formed sequence of each length pass whole.
+        {"\xc2\x80\xdf\xbf\xe0\xa0\x80\xed\x9f\xbf\xf0\x90\x80\x80\xf4\x8f\xbf\xbf",
+         "\xc2\x80\xdf\xbf\xe0\xa0\x80\xed\x9f\xbf\xf0\x90\x80\x80\xf4\x8f\xbf\xbf"},
+        // A lone byte, overlong forms, a surrogate, past U+10FFFF, cut short.
+        {"\xe9|\xc1\xbf|\xe0\x9f\xbf|\xf0\x8f\xbf\xbf", "\\xe9|\\xc1\\xbf|\\xe0\\x9f\\xbf|\\xf0\\x8f\\xbf\\xbf"},
+        {"\xed\xa0\x80|\xf4\x90\x80\x80|\xf5|\xe2\x82", "\\xed\\xa0\\x80|\\xf4\\x90\\x80\\x80|\\xf5|\\xe2\\x82"},
+    };
+    for (const auto &c : cases) EXPECT_EQ(dtexporter::LabelText(c.first), c.second) << c.first;
+    // Distinct byte strings stay distinct: every string of one and two bytes.
+    std::set<std::string> seen;
+    for (int a = -1; a < 256; ++a) {
+        for (int b = 0; b < 256; ++b) seen.insert(dtexporter::LabelText((a < 0 ? "" : std::string(1, char(a))) + char(b)));
+    }
+    EXPECT_EQ(seen.size(), 257u * 256u);
+}
+
+TEST(ExporterRequests, ProbeParametersAndTheScrapeTimeout) {
+    const std::string typeError = ": 0, 1 or 2 for a collection, 3 for a self test";
+    const std::string longName(254, 'a');
+    const struct {
+        std::multimap<std::string, std::string> params;
+        const char *header;
+        std::string result;  // the error, or "target type timeoutMs"
+    } cases[] = {
+        {{{"target", "10.0.0.1"}}, nullptr, "10.0.0.1 0 4000"},
+        {{{"target", "dev-1.example_net"}, {"type", "3"}}, "10", "dev-1.example_net 3 4000"},
+        {{{"target", longName.substr(1)}}, "3", longName.substr(1) + " 0 2500"},
+        {{{"target", "h"}}, "0.6", "h 0 300"},
+        {{{"target", "h"}}, "0.001", "h 0 1"},
+        {{{"target", ""}}, nullptr, "missing target: /probe?target=HOST"},
+        {{{"target", "h:9099"}}, nullptr, "bad target 'h:9099': a host name or IPv4 address, without a port"},
+        {{{"target", longName}}, nullptr, "bad target '" + longName.substr(190) + "...': a host name or IPv4 address, without a port"},
+        {{{"target", "h"}, {"target", "i"}}, nullptr, "parameter target given more than once"},
+        {{{"target", "h"}, {"type", "4"}}, nullptr, "bad type '4'" + typeError},
+        {{{"target", "h"}, {"tpye\n", "1"}}, nullptr, "unknown parameter 'tpye?'"},
+        {{{"target", "h"}}, "0", "bad X-Prometheus-Scrape-Timeout-Seconds '0'"},
+    };
+    for (const auto &c : cases) {
+        dtexporter::Probe p;
+        std::string error, header = c.header ? c.header : "";
+        const bool ok = dtexporter::ParseProbe(c.params, c.header ? &header : nullptr, 4, p, error);
+        EXPECT_EQ(ok ? p.target + " " + std::to_string(p.type) + " " + std::to_string(p.timeoutMs) : error, c.result);
+    }
+}
+
+TEST(ExporterRequests, CommandLine) {
+    const std::pair<std::vector<std::string>, std::string> cases[] = {
+        {{}, "127.0.0.1 9469 10 256 0"},
+        {{"--web.listen-address", ":80", "--collect.timeout=2.5", "--collect.parallel", "4096"}, " 80 2.5 4096 0"},
+        {{"--web.listen-address=[::1]:0", "--collect.parallel=1", "--collect.timeout", "3600"}, "::1 0 3600 1 0"},
+        {{"--collect.listen-port", "65535"}, "127.0.0.1 9469 10 256 65535"},
+        {{"--collect.listen-port=65536"}, "bad value for --collect.listen-port: 65536"},
+        {{"--web.listen-address", "::1:65536"}, "bad value for --web.listen-address: ::1:65536"},
+        {{"--web.listen-address=[]:80"}, "bad value for --web.listen-address: []:80"},
+        {{"--collect.timeout", "3600.5"}, "bad value for --collect.timeout: 3600.5"},
+        {{"--collect.parallel", "4097"}, "bad value for --collect.parallel: 4097"},
+        {{"--collect.parallel"}, "--collect.parallel needs a value"},
+        {{"--bogus", "host"}, "unknown option --bogus"},
+    };
+    for (const auto &c : cases) {
+        dtexporter::Options o;
+        bool help = true, version = true;
+        std::string error;
+        char text[64];
+        const bool ok = dtexporter::ParseArgs(c.first, o, help, version, error);
+        snprintf(text, sizeof text, " %u %g %zu %u", unsigned(o.listenPort), o.timeoutSec, o.parallel, unsigned(o.collectPort));
+        EXPECT_EQ(ok ? o.listenHost + text : error, c.second);
+    }
+}
+
+#ifdef DTKIT_EXPORTER_COMMAND
+std::string ReadAll(const std::string &path) {
+    std::ifstream f(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
+}
+// promtool's complaint about exposition text; empty when it accepts it or is not installed.
+std::string Promtool(const std::string &text) {
+    const std::string base = "/tmp/dtkit-exporter-test-" + std::to_string(getpid());
+    std::ofstream(base + ".prom", std::ios::binary) << text;
+    const int rc = system(("! command -v promtool >/dev/null || promtool check metrics <" + base + ".prom >" + base +
+                           ".out 2>&1").c_str());
+    const std::string out = rc == 0 ? "" : "promtool: " + ReadAll(base + ".out");
+    remove((base + ".prom").c_str());
+    remove((base + ".out").c_str());
+    return out;
+}
+
+// A program run by the test, standard output and error in one file.
+struct Program {
+    pid_t pid = -1;
+    std::string log;
+    Program(std::vector<std::string> args, const std::string &name)
+        : log("/tmp/dtkit-exporter-test-" + std::to_string(getpid()) + "-" + name) {
+        std::vector<char *> argv;
+        for (std::string &a : args) argv.push_back(&a[0]);
+        argv.push_back(nullptr);
+        const int out = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        if ((pid = fork()) == 0 && dup2(out, 1) == 1 && dup2(out, 2) == 2) execvp(argv[0], argv.data());
+        if (pid == 0) _exit(127);
+        close(out);
+    }
+    // Its exit status once it ends (after SIGTERM when `term`); -1 if it still runs after 20 s.
+    int Wait(bool term) {
+        int status = 0, ended = 0;
+        if (term) kill(pid, SIGTERM);
+        for (int i = 0; i < 2000 && (ended = waitpid(pid, &status, WNOHANG)) == 0; ++i) usleep(10000);
+        if (ended != pid) return -1;
+        pid = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+    ~Program() {
+        if (pid > 0 && kill(pid, SIGKILL) == 0) waitpid(pid, nullptr, 0);
+        remove(log.c_str());
+    }
+};
+
+// "STATUS BODY", or "" when nothing answers.
+std::string Get(int port, const std::string &path, const httplib::Headers &headers = {}) {
+    httplib::Client cli("127.0.0.1", port);
+    cli.set_read_timeout(30, 0);
+    auto r = cli.Get(path.c_str(), headers);
+    return r ? std::to_string(r->status) + " " + r->body : "";
+}
+
+CollectSection *g_numbers = nullptr;
+CollectSection *g_odd = nullptr;
+std::atomic<bool> g_stall{false};
+void PutNumbers(uint32_t) {
+    Collect_BeginSection(g_numbers, 7);
+    Collect_PutInt(g_numbers, 1, 0xDEADBEEF);
+    Collect_PutLong(g_numbers, 2, 1099511627783ull);
+    Collect_PutInt(g_numbers, 1, 5);
+    Collect_PutLong(g_numbers, 3, UINT64_MAX);
+    Collect_EndSection(g_numbers);
+}
+void PutOdd(uint32_t type) {
+    for (int i = 0; g_stall && i < 150; ++i) usleep(10000);
+    Collect_PutInt(g_odd, 9, type);
+    Collect_PutString(g_odd, 4, "text", 0);
+    Collect_PutStruct(g_odd, 5, "\x00\x01", 2);
+}
+
+// The library's agent on a thread of this process, with a section of awkward
+// name, and the exporter at its default address, once both are up. In a network
+// namespace of this test process alone (which needs root), so that the ports
+// are the test's own and no other agent answers on loopback.
+bool StartAgentAndExporter(std::unique_ptr<Program> &ex) {
+    if (unshare(CLONE_NEWNET) != 0 || system("ip link set lo up") != 0) return false;
+    g_numbers = Collect_New("numbers", PutNumbers, nullptr);
+    g_odd = Collect_New("q\"b\\s\n\xe9\xc3\xa9", PutOdd, nullptr);
+    std::thread([] { Collect_Init(0x01020000); }).detach();
+    ex.reset(new Program({DTKIT_EXPORTER_COMMAND, "--collect.parallel", "8"}, "ex"));
+    for (int i = 0; i < 400 && system("ss -Hlun 'sport = :9099' | grep -q .") != 0; ++i) usleep(50000);
+    for (int i = 0; i < 400 && Get(9469, "/").empty(); ++i) usleep(50000);
+    return true;
+}
+
+TEST(ExporterProgram, ProbesAnswerWhatTheSectionsPutManyAtOnceAndFailAlone) {
+    std::unique_ptr<Program> ex;
+    if (!StartAgentAndExporter(ex)) GTEST_SKIP() << "needs root, for a network namespace of its own";
+    const int port = 9469;
+    const std::string values = "# TYPE dtkit_value gauge\n"
+                               "dtkit_value{section=\"numbers\",block=\"7\",code=\"1\"} 3735928559\n"
+                               "dtkit_value{section=\"numbers\",block=\"7\",code=\"2\"} 1099511627783\n"
+                               "dtkit_value{section=\"numbers\",block=\"7\",code=\"1\",repeat=\"1\"} 5\n"
+                               "dtkit_value{section=\"numbers\",block=\"7\",code=\"3\"} 18446744073709551615\n"
+                               "dtkit_value{section=\"q\\\"b\\\\\\\\s\\\\x0a\\\\xe9\xc3\xa9\",block=\"0\",code=\"9\"} 2\n# HELP";
+    // Probes at once share the one core, and each gets the device's answer whole.
+    std::vector<std::string> bodies(12);
+    std::vector<std::thread> threads;
+    for (std::string &b : bodies) threads.emplace_back([&b, port] { b = Get(port, "/probe?target=127.0.0.1&type=2"); });
+    for (std::thread &t : threads) t.join();
+    for (const std::string &b : bodies) EXPECT_EQ(b.find("200 # HELP dtkit_value "), 0u) << b;
+    for (const std::string &b : bodies) EXPECT_NE(b.find(values), npos) << b;
+    for (const char *line : {"\ndtkit_probe_success 1\n", "\ndtkit_probe_values 7\n", "\ndtkit_probe_strings 1\n",
+                             "\ndtkit_probe_buffers 1\n", "\ndtkit_device_identity 258\n"}) {
+        EXPECT_NE(bodies[0].find(line), npos) << line;
+    }
+    EXPECT_EQ(Promtool(bodies[0].substr(4)), "");
+    // A device that stalls past the scrape's timeout less its margin: a failure, and none of its values.
+    g_stall = true;
+    const auto t0 = std::chrono::steady_clock::now();
+    const std::string failed = Get(port, "/probe?target=127.0.0.1", {{"X-Prometheus-Scrape-Timeout-Seconds", "1.2"}});
+    const double took = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    EXPECT_EQ(failed.find("200 # dtkit probe failed: "), 0u) << failed;
+    EXPECT_NE(failed.find("\ndtkit_probe_success 0\n"), npos) << failed;
+    EXPECT_EQ(failed.find("dtkit_value"), npos) << failed;
+    EXPECT_GE(took, 0.7);
+    EXPECT_LT(took, 1.2);
+    EXPECT_EQ(Promtool(failed.substr(4)), "");
+    EXPECT_EQ(Get(port, "/probe?target=h&type=4"), "400 bad type '4': 0, 1 or 2 for a collection, 3 for a self test\n");
+    EXPECT_EQ(Get(port, "/nope"), "404 not found: /nope (try /probe?target=HOST or /metrics)\n");
+    const std::string metrics = Get(port, "/metrics");
+    for (const char *line : {"\ndtkit_exporter_probes_total 13\n", "\ndtkit_exporter_probe_failures_total 1\n",
+                             "\ndtkit_exporter_bad_requests_total 1\n", "\ndtkit_exporter_collections_in_flight 0\n"}) {
+        EXPECT_NE(metrics.find(line), npos) << line << metrics;
+    }
+    EXPECT_EQ(Promtool(metrics.substr(4)), "");
+    Program busy({DTKIT_EXPORTER_COMMAND, "--web.listen-address=:9469"}, "busy");
+    EXPECT_EQ(busy.Wait(false), 1);
+    EXPECT_EQ(ReadAll(busy.log).find("dtkit_exporter: cannot listen on 0.0.0.0:9469: "), 0u);
+    EXPECT_EQ(ex->Wait(true), 0) << ReadAll(ex->log);
+    Program version({DTKIT_EXPORTER_COMMAND, "--version"}, "version");
+    EXPECT_EQ(version.Wait(false), 0);
+    EXPECT_TRUE(std::regex_match(ReadAll(version.log), std::regex("dtkit_exporter \\(dtkit\\) [0-9]+\\.[0-9]+\\.[0-9]+\n")));
+    Program help({DTKIT_EXPORTER_COMMAND, "--help"}, "help");
+    EXPECT_EQ(help.Wait(false), 0);
+    EXPECT_EQ(ReadAll(help.log).find("usage: dtkit_exporter [--web.listen-address ADDR:PORT]"), 0u);
+    Program bad({DTKIT_EXPORTER_COMMAND, "--collect.parallel", "0"}, "bad");
+    EXPECT_EQ(bad.Wait(false), 2);
+    EXPECT_EQ(ReadAll(bad.log).find("dtkit_exporter: bad value for --collect.parallel: 0\nusage: dtkit_exporter "), 0u);
+}
+
+// The value Prometheus' query API gives for the dtkit_value series with these
+// labels (as the API writes them, after __name__), or "absent".
+std::string SeriesValue(const std::string &json, const std::string &labels) {
+    const std::string key = "{\"__name__\":\"dtkit_value\"," + labels + "},\"value\":[";
+    const size_t at = json.find(key);
+    const size_t from = at == npos ? npos : json.find(",\"", at + key.size());
+    return from == npos ? "absent" : json.substr(from + 2, json.find('"', from + 2) - from - 2);
+}
+
+// Prometheus scrapes the exporter as the README's configuration says, the
+// device as the target parameter, and reads back what the sections put.
+TEST(ExporterProgram, PrometheusReadsTheSectionsValuesThroughTheExporter) {
+    if (system("command -v prometheus >/dev/null") != 0) {
+        GTEST_SKIP() << "prometheus is not installed (Debian: prometheus; scripts/test.sh installs it as root)";
+    }
+    std::unique_ptr<Program> ex;
+    if (!StartAgentAndExporter(ex)) GTEST_SKIP() << "needs root, for a network namespace of its own";
+    char dir[] = "/tmp/dtkit-prometheus-XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    std::ofstream(std::string(dir) + "/prometheus.yml")
+        << "global: {scrape_interval: 1s, scrape_timeout: 1s}\nscrape_configs:\n"
+           "  - job_name: dtkit\n    metrics_path: /probe\n    params: {type: ['1']}\n"
+           "    static_configs: [{targets: ['127.0.0.1']}]\n    relabel_configs:\n"
+           "      - {source_labels: [__address__], target_label: __param_target}\n"
+           "      - {source_labels: [__param_target], target_label: instance}\n"
+           "      - {target_label: __address__, replacement: '127.0.0.1:9469'}\n";
+    Program prom({"prometheus", "--config.file=" + std::string(dir) + "/prometheus.yml", "--storage.tsdb.path=" +
+                  std::string(dir) + "/data", "--web.listen-address=127.0.0.1:9090"}, "prom");
+    std::string json;
+    for (int i = 0; i < 240 && json.find("\"1\"]") == npos; ++i, usleep(250000)) {
+        json = Get(9090, "/api/v1/query?query=dtkit_probe_success");
+    }
+    ASSERT_NE(json.find("\"1\"]"), npos) << json << ReadAll(prom.log);
+    json = Get(9090, "/api/v1/query?query=dtkit_value");
+    const std::string where = "\"instance\":\"127.0.0.1\",\"job\":\"dtkit\",";
+    EXPECT_EQ(SeriesValue(json, "\"block\":\"7\",\"code\":\"1\"," + where + "\"section\":\"numbers\""), "3735928559") << json;
+    EXPECT_EQ(SeriesValue(json, "\"block\":\"7\",\"code\":\"2\"," + where + "\"section\":\"numbers\""), "1099511627783");
+    EXPECT_EQ(SeriesValue(json, "\"block\":\"7\",\"code\":\"1\"," + where + "\"repeat\":\"1\",\"section\":\"numbers\""), "5");
+    // The section q"b\s, a line feed, byte e9, e-acute: \\ and \xe9 in the label value, then JSON's escaping.
+    EXPECT_EQ(SeriesValue(json, "\"block\":\"0\",\"code\":\"9\"," + where + "\"section\":\"q\\\"b\\\\\\\\s\\\\x0a\\\\xe9\xc3\xa9\""), "1");
+    EXPECT_EQ(prom.Wait(true), 0);
+    EXPECT_EQ(system(("rm -rf " + std::string(dir)).c_str()), 0);
+    EXPECT_EQ(ex->Wait(true), 0) << ReadAll(ex->log);
+}
+#else
+TEST(ExporterProgram, Skipped) { GTEST_SKIP() << "built without the HTTP library (cpp-httplib): no dtkit_exporter here"; }
+#endif
+
+}  // namespace
