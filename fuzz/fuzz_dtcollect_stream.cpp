@@ -32,15 +32,15 @@ bool escapesValid(const std::string &line) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size == 0) return 0;
-    dtcollect::StreamReader reader((data[0] & 1) != 0, 1u << 16);
+    dtcore::StreamReader reader((data[0] & 1) != 0, 0, 1u << 16);
     size_t chunk = (data[0] >> 1) + 1u;
     size_t acks = 0;
     for (size_t at = 1; at < size; at += chunk) acks += reader.Feed(data + at, size - at < chunk ? size - at : chunk);
     bool ok = reader.Finish();
     if (acks != reader.Messages() || reader.Offset() > size - 1) __builtin_trap();
     if (!ok && reader.Error().find("byte offset") == std::string::npos) __builtin_trap();
-    for (const dtcollect::Event &e : reader.TakeEvents()) {
-        if (!escapesValid(dtcollect::FormatJson("h", e)) || !escapesValid(dtcollect::FormatText("h", e)))
+    for (const dtcore::Event &e : reader.TakeEvents()) {
+        if (!escapesValid(dtcore::FormatJson("h", e)) || !escapesValid(dtcore::FormatText("h", e)))
             __builtin_trap();
     }
     return 0;

@@ -1,3 +1,5 @@
+# The collector core: its tests play devices on loopback addresses.
+target_link_libraries(test_collectcore_test PRIVATE collectcore)
 target_link_libraries(test_dtfcm_test PRIVATE dtfcm_decode)
 # dtcollect: the tests drive its core in-process and run the program itself
 # (under the emulator when cross-built).

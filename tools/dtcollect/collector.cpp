@@ -1,61 +1,58 @@
 #include "collector.h"
 
-#include <arpa/inet.h>
-#include <netdb.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <cerrno>
+#include <chrono>
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <memory>
-#include <mutex>
+#include <fstream>
+#include <istream>
 #include <ostream>
-#include <thread>
+#include <sstream>
 
-#include "stream_reader.h"
+#include "collect_core.h"
 
 namespace dtcollect {
 namespace {
 
 const char kUsage[] =
-    "usage: dtcollect [--type 0|1|2 | --selftest] [--sequence N] [--listen-port P] [--timeout SEC] [--json] HOST...\n"
+    "usage: dtcollect [--type 0|1|2 | --selftest] [--sequence N] [--listen-port P] [--timeout SEC]\n"
+    "                 [--parallel N] [--json] [--hosts-file FILE]... [HOST...]\n"
     "Asks each HOST (UDP port 9099) for a collection, accepts its connection back and\n"
-    "prints the identity, the section list and every value under its section's name.\n"
-    "  --type T         request type handed to the sections' collect callbacks (default 0)\n"
-    "  --selftest       ask for a self test instead of a collection\n"
-    "  --sequence N     sequence number of the identity message, 0 to 2147483647\n"
-    "                   (default 0: the device's running counter)\n"
-    "  --listen-port P  TCP port to listen on; with several hosts, host i uses P + i\n"
-    "                   (default 0: an ephemeral port per host)\n"
-    "  --timeout SEC    bound on every wait, in seconds (default 5)\n"
-    "  --json           one JSON object per value and line, for scripts\n"
-    "Hosts are collected in parallel; every line starts with (or names) its host.\n"
+    "prints the identity, the section list and every value under its section's name,\n"
+    "each line as soon as it is decoded and starting with (or naming) its host.\n"
+    "  --type T          request type handed to the sections' collect callbacks (default 0)\n"
+    "  --selftest        ask for a self test instead of a collection\n"
+    "  --sequence N      sequence of the first request, 1 to 2147483647; the next\n"
+    "                    requests count up from it (default 0: picked from the clock)\n"
+    "  --listen-port P   the one TCP port every device connects back to (default 0: ephemeral)\n"
+    "  --timeout SEC     each collection's deadline, from its request to its end (default 5)\n"
+    "  --parallel N      collections in flight at most, 1 to 100000 (default 256);\n"
+    "                    the other hosts wait their turn in the order given\n"
+    "  --hosts-file FILE hosts one a line, '#' starting a comment; '-' is standard input\n"
+    "  --json            one JSON object per value and line, for scripts\n"
+    "  --version         print the version\n"
+    "Connections: every request carries a sequence no other collection in flight\n"
+    "has; the device's identity message carries it back, and that binds the\n"
+    "connection to its host. A connection without such an identity within 2 s\n"
+    "is closed and no host is charged for it.\n"
+    "JSON: \"value\" is an int as a number, a long as a string of its decimal\n"
+    "digits (every bit kept), a string that is valid UTF-8 as a string, and a\n"
+    "buffer as lowercase hex; a string that is not valid UTF-8 is given as\n"
+    "lowercase hex under \"value_hex\" instead of \"value\". A section name that is\n"
+    "not valid UTF-8 is given the same way under \"section_hex\".\n"
+    "At the end one line on standard error:\n"
+    "  dtcollect: H hosts collected, F failed, V values, S.SS s\n"
     "Exit status: 0 all hosts collected, 1 some host failed, 2 bad usage.\n";
 
-// A socket closed when the holder goes out of scope.
-struct Fd {
-    int fd;
-    explicit Fd(int f) : fd(f) {}
-    ~Fd() {
-        if (fd >= 0) close(fd);
-    }
-    Fd(const Fd &) = delete;
-    Fd &operator=(const Fd &) = delete;
-};
-
-void putBe32(std::vector<uint8_t> &v, uint32_t x) {
-    for (int shift = 24; shift >= 0; shift -= 8) v.push_back(uint8_t(x >> shift));
+bool fail(std::string &error, const std::string &why) {
+    error = why;
+    return false;
 }
 
-bool parseNumber(const std::string &text, uint64_t max, uint32_t &value) {
+bool parseNumber(const std::string &text, uint64_t min, uint64_t max, uint32_t &value) {
     if (text.empty() || text.size() > 10 || text.find_first_not_of("0123456789") != std::string::npos) return false;
     uint64_t v = std::strtoull(text.c_str(), nullptr, 10);
-    if (v > max) return false;
+    if (v < min || v > max) return false;
     value = uint32_t(v);
     return true;
 }
@@ -69,128 +66,39 @@ bool parseTimeout(const std::string &text, int &ms) {
     return true;
 }
 
-bool fail(std::string &error, const std::string &why) {
-    error = why;
-    return false;
-}
-
-std::string sysError(const std::string &what) { return what + ": " + std::strerror(errno); }
-
-std::string seconds(int ms) {
-    char t[32];
-    snprintf(t, sizeof t, "%g s", ms / 1000.0);
-    return t;
-}
-
-bool resolve(const std::string &host, sockaddr_in &addr, std::string &error) {
-    addrinfo hints{};
-    hints.ai_family = AF_INET;
-    hints.ai_socktype = SOCK_DGRAM;
-    addrinfo *res = nullptr;
-    int rc = getaddrinfo(host.c_str(), nullptr, &hints, &res);
-    if (rc != 0 || res == nullptr) {
-        error = std::string("cannot resolve the host: ") + gai_strerror(rc);
-        return false;
-    }
-    std::memcpy(&addr, res->ai_addr, sizeof addr);
-    freeaddrinfo(res);
-    return true;
-}
-
-bool listenOn(uint16_t port, Fd &listener, uint16_t &bound, std::string &error) {
-    listener.fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (listener.fd < 0) return fail(error, sysError("cannot make the listening socket"));
-    int one = 1;
-    setsockopt(listener.fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_ANY);
-    a.sin_port = htons(port);
-    socklen_t len = sizeof a;
-    if (bind(listener.fd, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0 || listen(listener.fd, 4) != 0 ||
-        getsockname(listener.fd, reinterpret_cast<sockaddr *>(&a), &len) != 0)
-        return fail(error, sysError("cannot listen on TCP port " + std::to_string(port)));
-    bound = ntohs(a.sin_port);
-    return true;
-}
-
-bool sendRequest(sockaddr_in device, const std::vector<uint8_t> &request, std::string &error) {
-    Fd udp(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    device.sin_port = htons(kRequestPort);
-    if (udp.fd < 0 || sendto(udp.fd, request.data(), request.size(), 0, reinterpret_cast<sockaddr *>(&device),
-                             sizeof device) != ssize_t(request.size()))
-        return fail(error, sysError("cannot send the request"));
-    return true;
-}
-
-// 0 ready, 1 timed out, -1 error.
-int waitReadable(int fd, int ms) {
-    pollfd p{fd, POLLIN, 0};
-    int rc;
-    do rc = poll(&p, 1, ms);
-    while (rc < 0 && errno == EINTR);
-    return rc > 0 ? 0 : rc == 0 ? 1 : -1;
-}
-
-// Reads the connection to its end, acknowledging every complete message.
-bool converse(int conn, StreamReader &reader, const std::string &host, const Options &o,
-              const std::function<void(const std::string &)> &emit, std::string &error) {
-    static const uint8_t ack[16] = {0};
-    uint8_t buf[4096];
-    auto where = [&] { return " at byte offset " + std::to_string(reader.Offset()); };
-    for (;;) {
-        int w = waitReadable(conn, o.timeoutMs);
-        if (w > 0) return fail(error, "no data from the device for " + seconds(o.timeoutMs) + where());
-        if (w < 0) return fail(error, sysError("waiting for data failed" + where()));
-        ssize_t n = recv(conn, buf, sizeof buf, 0);
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) return fail(error, sysError("receive failed" + where()));
-        bool ended = n == 0;
-        size_t done = ended ? 0 : reader.Feed(buf, size_t(n));
-        bool ok = ended ? reader.Finish() : !reader.Failed();
-        for (const Event &e : reader.TakeEvents()) {
-            std::string line = o.json ? FormatJson(host, e) : FormatText(host, e);
-            if (!line.empty()) emit(line);
-        }
-        if (!ok) return fail(error, reader.Error());
-        if (ended) return true;
-        for (; done > 0; --done) {
-            if (send(conn, ack, sizeof ack, MSG_NOSIGNAL) != ssize_t(sizeof ack))
-                return fail(error, sysError("acknowledgement failed" + where()));
-        }
-    }
+std::string trim(const std::string &s) {
+    size_t b = s.find_first_not_of(" \t\r");
+    if (b == std::string::npos) return std::string();
+    return s.substr(b, s.find_last_not_of(" \t\r") - b + 1);
 }
 
 }  // namespace
 
-std::vector<uint8_t> Request(uint32_t type, uint32_t sequence, uint16_t listenPort) {
-    std::vector<uint8_t> r;
-    putBe32(r, 16);
-    putBe32(r, type);
-    putBe32(r, sequence);
-    putBe32(r, listenPort);
-    return r;
-}
-
-bool ParseArgs(const std::vector<std::string> &args, Options &o, bool &help, std::string &error) {
-    help = false;
+bool ParseArgs(const std::vector<std::string> &args, Options &o, std::string &error) {
     bool typed = false, selfTest = false;
     for (size_t i = 0; i < args.size(); ++i) {
         const std::string &a = args[i];
         if (a == "--help" || a == "-h") {
-            help = true;
+            o.help = true;
+            return true;
+        }
+        if (a == "--version") {
+            o.version = true;
             return true;
         }
         if (a == "--json") { o.json = true; continue; }
         if (a == "--selftest") { selfTest = true; continue; }
         if (a.size() > 1 && a[0] == '-') {
-            bool takesValue = a == "--type" || a == "--sequence" || a == "--listen-port" || a == "--timeout";
+            bool takesValue = a == "--type" || a == "--sequence" || a == "--listen-port" || a == "--timeout" ||
+                              a == "--parallel" || a == "--hosts-file";
             if (!takesValue) return fail(error, "unknown option " + a);
             if (i + 1 >= args.size()) return fail(error, a + " needs a value");
             const std::string &v = args[++i];
-            bool ok = a == "--type"       ? (typed = parseNumber(v, 2, o.type))
-                      : a == "--sequence" ? parseNumber(v, 0x7FFFFFFF, o.sequence)
-                      : a == "--listen-port" ? parseNumber(v, 65535, o.listenPort)
+            bool ok = a == "--type"          ? (typed = parseNumber(v, 0, 2, o.type))
+                      : a == "--sequence"    ? parseNumber(v, 0, 0x7FFFFFFF, o.sequence)
+                      : a == "--listen-port" ? parseNumber(v, 0, 65535, o.listenPort)
+                      : a == "--parallel"    ? parseNumber(v, 1, 100000, o.parallel)
+                      : a == "--hosts-file"  ? (o.hostsFiles.push_back(v), !v.empty())
                                              : parseTimeout(v, o.timeoutMs);
             if (!ok) return fail(error, "bad value for " + a + ": " + (v.empty() ? "(empty)" : v));
             continue;
@@ -199,70 +107,98 @@ bool ParseArgs(const std::vector<std::string> &args, Options &o, bool &help, std
     }
     if (typed && selfTest) return fail(error, "--type and --selftest exclude each other");
     if (selfTest) o.type = 3;
-    if (o.hosts.empty()) return fail(error, "no HOST given");
-    if (o.listenPort != 0 && o.listenPort + o.hosts.size() - 1 > 65535)
-        return fail(error, "--listen-port " + std::to_string(o.listenPort) + " leaves no room for " +
-                               std::to_string(o.hosts.size()) + " hosts' ports");
+    if (o.hosts.empty() && o.hostsFiles.empty()) return fail(error, "no HOST given");
     return true;
 }
 
-bool CollectHost(const std::string &host, uint16_t listenPort, const Options &o,
-                 const std::function<void(const std::string &)> &emit, std::string &error) {
-    sockaddr_in device{};
-    Fd listener(-1);
-    uint16_t bound = 0;
-    if (!resolve(host, device, error) || !listenOn(listenPort, listener, bound, error)) return false;
-    if (!sendRequest(device, Request(o.type, o.sequence, bound), error)) return false;
-    int w = waitReadable(listener.fd, o.timeoutMs);
-    if (w != 0) {
-        error = w > 0 ? "no connection from the device within " + seconds(o.timeoutMs) : sysError("waiting failed");
-        error += " (TCP port " + std::to_string(bound) + ") at byte offset 0";
-        return false;
+bool ReadHosts(std::istream &in, const std::string &name, std::vector<std::string> &hosts, std::string &error) {
+    std::string line;
+    for (size_t number = 1; std::getline(in, line); ++number) {
+        std::string host = trim(line.substr(0, line.find('#')));
+        if (host.empty()) continue;
+        if (host.find_first_of(" \t") != std::string::npos)
+            return fail(error, name + ":" + std::to_string(number) + ": more than one host on the line");
+        hosts.push_back(host);
     }
-    Fd conn(accept4(listener.fd, nullptr, nullptr, SOCK_CLOEXEC));
-    if (conn.fd < 0) return fail(error, sysError("accept failed at byte offset 0"));
-    StreamReader reader(o.type == 3);
-    if (!converse(conn.fd, reader, host, o, emit, error)) return false;
-    if (!o.json)
-        emit(host + " end: " + std::to_string(reader.Messages()) + " messages, " + std::to_string(reader.Offset()) +
-             " bytes");
+    if (in.bad()) return fail(error, name + ": read error");
     return true;
 }
 
-int Main(const std::vector<std::string> &args, std::ostream &out, std::ostream &err) {
+int Main(const std::vector<std::string> &args, std::istream &in, std::ostream &out, std::ostream &err) {
     Options o;
-    bool help = false;
     std::string error;
-    if (!ParseArgs(args, o, help, error)) {
+    if (!ParseArgs(args, o, error)) {
         err << "dtcollect: " << error << "\n" << kUsage;
         return 2;
     }
-    if (help) {
+    if (o.help) {
         out << kUsage;
         return 0;
     }
-    std::mutex lock;
-    std::unique_ptr<bool[]> ok(new bool[o.hosts.size()]());
-    std::vector<std::thread> threads;
-    for (size_t i = 0; i < o.hosts.size(); ++i) {
-        threads.emplace_back([&, i] {
-            const std::string &host = o.hosts[i];
-            auto emit = [&](const std::string &line) {
-                std::lock_guard<std::mutex> g(lock);
-                out << line << "\n" << std::flush;
-            };
-            std::string why;
-            uint16_t port = uint16_t(o.listenPort ? o.listenPort + i : 0);
-            ok[i] = CollectHost(host, port, o, emit, why);
-            if (ok[i]) return;
-            std::lock_guard<std::mutex> g(lock);
-            err << "dtcollect: " << host << ": " << why << "\n" << std::flush;
-        });
+    if (o.version) {
+        out << "dtcollect (dtkit) " DTKIT_VERSION "\n";
+        return 0;
     }
-    for (auto &t : threads) t.join();
-    for (size_t i = 0; i < o.hosts.size(); ++i)
-        if (!ok[i]) return 1;
-    return 0;
+    std::vector<std::string> hosts;
+    for (const std::string &f : o.hostsFiles) {
+        std::ifstream file;
+        if (f != "-") file.open(f);
+        if (f != "-" && !file) {
+            err << "dtcollect: cannot read the hosts file " << f << "\n";
+            return 2;
+        }
+        if (!ReadHosts(f == "-" ? in : file, f == "-" ? "(standard input)" : f, hosts, error)) {
+            err << "dtcollect: " << error << "\n";
+            return 2;
+        }
+    }
+    hosts.insert(hosts.end(), o.hosts.begin(), o.hosts.end());
+    if (hosts.empty()) {
+        err << "dtcollect: no HOST given\n";
+        return 2;
+    }
+
+    dtcore::Core::Config cfg;
+    cfg.parallel = o.parallel;
+    cfg.listenPort = uint16_t(o.listenPort);
+    cfg.firstSequence = o.sequence;
+    dtcore::Core core(cfg);
+    if (!core.Open(error)) {
+        err << "dtcollect: " << error << "\n";
+        return 1;
+    }
+    size_t collected = 0, failed = 0;
+    uint64_t values = 0;
+    for (const std::string &host : hosts) {
+        dtcore::Job job;
+        job.host = host;
+        job.type = o.type;
+        job.timeoutMs = o.timeoutMs;
+        // Each line goes out whole as soon as it is decoded.
+        auto onEvent = [&out, &o, host](const dtcore::Event &e) {
+            std::string line = o.json ? dtcore::FormatJson(host, e) : dtcore::FormatText(host, e);
+            if (!line.empty()) out << line << "\n" << std::flush;
+        };
+        auto onDone = [&, host](const dtcore::Outcome &r) {
+            values += r.values;
+            if (!r.ok) {
+                ++failed;
+                err << "dtcollect: " << host << ": " << r.error << "\n" << std::flush;
+                return;
+            }
+            ++collected;
+            if (!o.json) out << host << " end: " << r.bytes << " bytes, " << r.values << " values\n" << std::flush;
+        };
+        core.Submit(job, onEvent, onDone);
+    }
+    auto t0 = std::chrono::steady_clock::now();
+    core.RunUntilIdle();
+    double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    char summary[160];
+    snprintf(summary, sizeof summary, "dtcollect: %zu hosts collected, %zu failed, %llu values, %.2f s\n", collected,
+             failed, static_cast<unsigned long long>(values), secs);
+    err << summary << std::flush;
+    return failed == 0 ? 0 : 1;
 }
 
 }  // namespace dtcollect

@@ -1,44 +1,37 @@
-// The network side of dtcollect: one request and one device connection per
-// host, hosts collected in parallel.
+// dtcollect: the command line around the collector core. Every host is one
+// job of the core; its lines are printed as the core decodes them.
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <iosfwd>
 #include <string>
 #include <vector>
 
 namespace dtcollect {
 
-constexpr uint16_t kRequestPort = 9099;
-
 struct Options {
     uint32_t type = 0;            // request type: 0 to 2 collect, 3 self test
-    uint32_t sequence = 0;        // 0: the device numbers the identity message itself
-    uint32_t listenPort = 0;      // 0: an ephemeral port per host; else host i listens on listenPort + i
-    int timeoutMs = 5000;         // bound on every single wait
+    uint32_t sequence = 0;        // first request's sequence, the rest counting up; 0: the core picks
+    uint32_t listenPort = 0;      // the one shared listener; 0: ephemeral
+    uint32_t parallel = 256;      // collections in flight at most
+    int timeoutMs = 5000;         // each collection's deadline
     bool json = false;
+    bool help = false;
+    bool version = false;
     std::vector<std::string> hosts;
+    std::vector<std::string> hostsFiles;
 };
 
 // Parses the command line (without the program name). false with the reason
-// on bad usage; help is set for --help.
-bool ParseArgs(const std::vector<std::string> &args, Options &o, bool &help, std::string &error);
+// on bad usage.
+bool ParseArgs(const std::vector<std::string> &args, Options &o, std::string &error);
 
-// The 16-byte request datagram asking for a collection answered on listenPort.
-std::vector<uint8_t> Request(uint32_t type, uint32_t sequence, uint16_t listenPort);
-
-// Collects from one host, handing each output line to emit as soon as it is
-// known. Binds the listener (listenPort, 0 = ephemeral) before the request goes
-// out. The device's connection is the first one on this host's own listener;
-// its peer address is not checked, since a device with several interfaces may
-// connect back from another of its addresses. false with one line naming the
-// byte offset in the stream when the host failed.
-bool CollectHost(const std::string &host, uint16_t listenPort, const Options &o,
-                 const std::function<void(const std::string &)> &emit, std::string &error);
+// Reads hosts, one a line; '#' starts a comment, blank lines are skipped and a
+// line with more than one word is refused. false with "NAME:LINE: why".
+bool ReadHosts(std::istream &in, const std::string &name, std::vector<std::string> &hosts, std::string &error);
 
 // The whole program. Returns the exit status: 0 all hosts collected, 1 some
-// host failed, 2 bad usage.
-int Main(const std::vector<std::string> &args, std::ostream &out, std::ostream &err);
+// host failed, 2 bad usage. `in` is what a hosts file "-" reads.
+int Main(const std::vector<std::string> &args, std::istream &in, std::ostream &out, std::ostream &err);
 
 }  // namespace dtcollect

@@ -9,15 +9,17 @@
 #include <string>
 #include <vector>
 
-namespace dtcollect {
+namespace dtcore {
 
 constexpr size_t kHeaderSize = 12;
 constexpr size_t kMaxMessage = 12 + 1024;
 // A self test marks each section's output with a string record of this section number.
 constexpr uint32_t kNameRecordSection = 65535;
 // Joined string or buffer values longer than this are refused as malformed, so
-// that a device sending pieces without end cannot exhaust the collector.
-constexpr size_t kDefaultMaxValue = 64u << 20;
+// that a device sending pieces without end cannot exhaust the collector: the
+// collector's memory then grows with the collections in flight, not with the
+// length of a stream.
+constexpr size_t kDefaultMaxValue = 1u << 20;
 
 enum ValueKind { kInt = 1, kLong = 2, kString = 3, kBuffer = 4 };
 
@@ -43,7 +45,9 @@ class StreamReader {
 public:
     // selfTest: values are attributed to the section named by the last name
     // record instead of through a section list.
-    explicit StreamReader(bool selfTest, size_t maxValue = kDefaultMaxValue);
+    // requestSequence: the sequence the request carried, which the identity
+    // message must bear; 0 lets the device number it from its own counter.
+    StreamReader(bool selfTest, uint32_t requestSequence, size_t maxValue = kDefaultMaxValue);
 
     // Takes the next bytes of the connection and returns how many messages they
     // completed, each of which the device expects acknowledged. Stops at the
@@ -74,6 +78,7 @@ private:
     void value_(Event &e, uint32_t section);
 
     bool selfTest_;
+    uint32_t requestSequence_;
     size_t maxValue_;
     std::vector<uint8_t> msg_;  // the message being received, header first
     size_t msgLen_ = 0;         // its length, once the header is in
@@ -102,4 +107,4 @@ const char *KindName(int kind);
 std::string FormatText(const std::string &host, const Event &e);
 std::string FormatJson(const std::string &host, const Event &e);
 
-}  // namespace dtcollect
+}  // namespace dtcore

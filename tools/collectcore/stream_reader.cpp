@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 
-namespace dtcollect {
+namespace dtcore {
 namespace {
 
 uint32_t be16(const uint8_t *p) { return (uint32_t(p[0]) << 8) | p[1]; }
@@ -42,7 +42,8 @@ bool isPiece(int kind) { return kind == kString || kind == kBuffer; }
 
 }  // namespace
 
-StreamReader::StreamReader(bool selfTest, size_t maxValue) : selfTest_(selfTest), maxValue_(maxValue) {}
+StreamReader::StreamReader(bool selfTest, uint32_t requestSequence, size_t maxValue)
+    : selfTest_(selfTest), requestSequence_(requestSequence), maxValue_(maxValue) {}
 
 bool StreamReader::fail_(const std::string &what) {
     failed_ = true;
@@ -307,4 +308,4 @@ std::string FormatJson(const std::string &host, const Event &e) {
     return s + "}";
 }
 
-}  // namespace dtcollect
+}  // namespace dtcore
