@@ -96,34 +96,36 @@ int Collect(const std::string &args, std::string &out, std::string &err) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-// The first `devices` addresses of the fleet, as the collector's arguments.
-std::string Hosts(uint32_t devices) {
-    std::string all;
-    for (uint32_t i = 0; i < devices; ++i) all += " " + dtsim::DeviceHost(i);
-    return all;
+// The first `devices` addresses of the fleet in a hosts file, after a comment.
+std::string HostsFile(uint32_t devices) {
+    const std::string path = "/tmp/dtsim-test-hosts-" + std::to_string(getpid());
+    std::ofstream f(path);
+    f << "# the simulated fleet\n";
+    for (uint32_t i = 0; i < devices; ++i) f << dtsim::DeviceHost(i) << "\n";
+    return path;
 }
 
 // What the collector must print for device i, from the values its host put.
 Lines Expected(uint32_t device, uint32_t sequence) {
     const std::string host = dtsim::DeviceHost(device);
     Lines l;
-    dtcollect::Event id;
-    id.type = dtcollect::Event::kIdentity;
+    dtcore::Event id;
+    id.type = dtcore::Event::kIdentity;
     id.id1 = uint8_t(device >> 8);
     id.id2 = uint8_t(device);
     id.sequence = sequence;
-    l.push_back(dtcollect::FormatText(host, id));
+    l.push_back(dtcore::FormatText(host, id));
     const std::vector<std::string> names = dtsim::SectionNames();
     for (uint32_t i = 0; i < names.size(); ++i) {
-        dtcollect::Event s;
-        s.type = dtcollect::Event::kSection;
+        dtcore::Event s;
+        s.type = dtcore::Event::kSection;
         s.index = i;
         s.named = true;
         s.name = names[i];
-        l.push_back(dtcollect::FormatText(host, s));
+        l.push_back(dtcore::FormatText(host, s));
     }
     for (const dtsim::HostValue &v : dtsim::CollectValues(device)) {
-        dtcollect::Event e;
+        dtcore::Event e;
         e.index = v.index;
         e.named = true;
         e.name = v.section;
@@ -132,7 +134,7 @@ Lines Expected(uint32_t device, uint32_t sequence) {
         e.kind = v.kind;
         e.number = v.number;
         e.bytes = v.bytes;
-        l.push_back(dtcollect::FormatText(host, e));
+        l.push_back(dtcore::FormatText(host, e));
     }
     return l;
 }
@@ -158,20 +160,23 @@ std::vector<size_t> Offsets() {
     return at;
 }
 
-TEST(DtsimFleet, AThousandDevicesEachGiveTheirOwnValues) {
+TEST(DtsimFleet, AThousandDevicesCollectedFromAHostsFileEachGiveTheirOwnValues) {
     OwnNetwork();
     Sim sim;
     ASSERT_TRUE(sim.Start("--devices 1000 --duration 120")) << sim.text;
+    const std::string hosts = HostsFile(1000);
     std::string out, err;
-    EXPECT_EQ(Collect("--sequence 77 --timeout 10" + Hosts(1000), out, err), 0) << err.substr(0, 2000);
+    EXPECT_EQ(Collect("--hosts-file " + hosts + " --parallel 256 --sequence 77 --timeout 10", out, err), 0)
+        << err.substr(0, 2000);
+    remove(hosts.c_str());
     const std::map<std::string, Lines> got = ByHost(out);
     EXPECT_EQ(got.size(), 1000u);
     int wrong = 0;
     for (uint32_t i = 0; i < 1000 && wrong < 3; ++i) {
         auto it = got.find(dtsim::DeviceHost(i));
         const Lines lines = it == got.end() ? Lines() : it->second;
-        wrong += lines != Expected(i, 77);
-        EXPECT_EQ(lines, Expected(i, 77)) << dtsim::DeviceHost(i);
+        wrong += lines != Expected(i, 77 + i);
+        EXPECT_EQ(lines, Expected(i, 77 + i)) << dtsim::DeviceHost(i);
     }
     EXPECT_EQ(sim.Stop(), 0);
     EXPECT_NE(sim.text.find("dtsim: 1000 complete, 0 misbehaved, 0 failed; 0 requests invalid"), npos) << sim.text;
@@ -184,13 +189,15 @@ TEST(DtsimFleet, MisbehavingDevicesFailAloneEachWithItsLine) {
     Sim sim;
     ASSERT_TRUE(sim.Start("--devices 12 --silent 2 --garbage 5 --drop 8 --stall 10")) << sim.text;
     std::string out, err;
-    EXPECT_EQ(Collect("--timeout 1 --sequence 77" + Hosts(12), out, err), 1);
+    const std::string hosts = HostsFile(12);
+    EXPECT_EQ(Collect("--hosts-file " + hosts + " --timeout 1 --sequence 77", out, err), 1);
+    remove(hosts.c_str());
     // The dropping device stops halfway through its sixth message.
     const std::map<uint32_t, std::string> failures = {
         {2, "no connection from the device within 1 s"},
         {5, "at byte offset 16"},
         {8, "connection closed at byte offset " + std::to_string(at[5] + (at[6] - at[5]) / 2)},
-        {10, "no data from the device for 1 s at byte offset " + std::to_string(at[2])},
+        {10, "within 1 s at byte offset " + std::to_string(at[2])},
     };
     const std::map<std::string, Lines> got = ByHost(out);
     for (uint32_t i = 0; i < 12; ++i) {
@@ -198,7 +205,7 @@ TEST(DtsimFleet, MisbehavingDevicesFailAloneEachWithItsLine) {
         const size_t line = err.find("dtcollect: " + host + ": ");
         if (failures.count(i) == 0) {
             EXPECT_EQ(line, npos) << err;
-            EXPECT_EQ(got.at(host), Expected(i, 77));
+            EXPECT_EQ(got.at(host), Expected(i, 77 + i));
             continue;
         }
         ASSERT_NE(line, npos) << host << "\n" << err;
