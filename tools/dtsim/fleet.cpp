@@ -83,7 +83,9 @@ struct Request {
 };
 
 enum State : uint8_t { kIdle, kConnecting, kWaiting, kSending, kAwaitAck, kDraining };
-enum Outcome { kComplete, kMisbehaved, kFailed };
+// A failed collection, by what broke it: no connection to the collector, a
+// wait for it that ran out, or the connection cut from its side.
+enum Outcome { kComplete, kMisbehaved, kNoConnect, kTimedOut, kCutOff };
 
 struct Device {
     int fd = -1;
@@ -108,9 +110,10 @@ struct Timer {
 };
 
 struct Stats {
-    uint64_t complete = 0, misbehaved = 0, failed = 0;
+    uint64_t complete = 0, misbehaved = 0, noConnect = 0, timedOut = 0, cutOff = 0;
     uint64_t invalid = 0, stray = 0, overflow = 0, lost = 0;
-    uint64_t Dealt() const { return complete + misbehaved + failed; }
+    uint64_t Failed() const { return noConnect + timedOut + cutOff; }
+    uint64_t Dealt() const { return complete + misbehaved + Failed(); }
 };
 
 class Fleet {
@@ -137,6 +140,7 @@ private:
     const Recording &Stream(const Device &d) const { return d.current.type == 3 ? selfTest_ : collect_; }
     size_t Build(uint32_t i, uint8_t *buf) const;
     void Receive();
+    void Take(const uint8_t *req, uint32_t n, const sockaddr_in &from, msghdr &h);
     void Accept(uint32_t i, const Request &r);
     void Begin(uint32_t i);
     void Connected(uint32_t i);
@@ -217,47 +221,58 @@ size_t Fleet::Build(uint32_t i, uint8_t *buf) const {
 }
 
 void Fleet::Receive() {
-    // Bounded per wake-up, so that a flood of requests cannot starve the connections.
-    for (int batch = 0; batch < 64; ++batch) {
-        uint8_t req[16] = {};
-        sockaddr_in from{};
-        alignas(cmsghdr) uint8_t control[128];
-        iovec iov{req, sizeof req};
-        msghdr h{};
-        h.msg_name = &from;
-        h.msg_namelen = sizeof from;
-        h.msg_iov = &iov;
-        h.msg_iovlen = 1;
-        h.msg_control = control;
-        h.msg_controllen = sizeof control;
-        const ssize_t n = recvmsg(udp_, &h, 0);
-        if (n < 0) return;
-        uint32_t to = 0;
-        for (cmsghdr *c = CMSG_FIRSTHDR(&h); c != nullptr; c = CMSG_NXTHDR(&h, c)) {
-            if (c->cmsg_level == IPPROTO_IP && c->cmsg_type == IP_PKTINFO) {
-                in_pktinfo info;
-                std::memcpy(&info, CMSG_DATA(c), sizeof info);
-                to = ntohl(info.ipi_addr.s_addr);
-            }
-            if (c->cmsg_level == SOL_SOCKET && c->cmsg_type == SO_RXQ_OVFL) {
-                uint32_t dropped;
-                std::memcpy(&dropped, CMSG_DATA(c), sizeof dropped);
-                stats_.lost = dropped;
-            }
+    constexpr int kBatch = 64;
+    uint8_t req[kBatch][16];
+    sockaddr_in from[kBatch];
+    alignas(cmsghdr) uint8_t control[kBatch][64];
+    iovec iov[kBatch];
+    mmsghdr h[kBatch];
+    // Every request that waits is taken now, as each device's own socket
+    // would hold it, up to a bound that keeps the connections served.
+    for (int round = 0; round < 64; ++round) {
+        std::memset(req, 0, sizeof req);
+        std::memset(h, 0, sizeof h);
+        for (int k = 0; k < kBatch; ++k) {
+            iov[k] = {req[k], sizeof req[k]};
+            h[k].msg_hdr.msg_name = &from[k];
+            h[k].msg_hdr.msg_namelen = sizeof from[k];
+            h[k].msg_hdr.msg_iov = &iov[k];
+            h[k].msg_hdr.msg_iovlen = 1;
+            h[k].msg_hdr.msg_control = control[k];
+            h[k].msg_hdr.msg_controllen = sizeof control[k];
         }
-        // The agent's checks: the length word says what arrived (of the first
-        // 16 bytes), the type is known, the sequence is not negative.
-        const bool valid = int32_t(Be32(req)) == int32_t(n) && Be32(req + 4) <= 3 && int32_t(Be32(req + 8)) >= 0;
-        const bool local = (ntohl(from.sin_addr.s_addr) >> 24) == 127;
-        const int64_t device = DeviceAt(to, o_.devices);
-        if (!valid || !local) {
-            stats_.invalid++;
-        } else if (device < 0) {
-            stats_.stray++;
-        } else {
-            Accept(uint32_t(device), {from.sin_addr.s_addr, uint16_t(Be32(req + 12)), uint8_t(Be32(req + 4)),
-                                      Be32(req + 8)});
+        const int n = recvmmsg(udp_, h, kBatch, MSG_DONTWAIT, nullptr);
+        for (int k = 0; k < n; ++k) Take(req[k], h[k].msg_len, from[k], h[k].msg_hdr);
+        if (n < kBatch) return;
+    }
+}
+
+void Fleet::Take(const uint8_t *req, uint32_t n, const sockaddr_in &from, msghdr &h) {
+    uint32_t to = 0;
+    for (cmsghdr *c = CMSG_FIRSTHDR(&h); c != nullptr; c = CMSG_NXTHDR(&h, c)) {
+        if (c->cmsg_level == IPPROTO_IP && c->cmsg_type == IP_PKTINFO) {
+            in_pktinfo info;
+            std::memcpy(&info, CMSG_DATA(c), sizeof info);
+            to = ntohl(info.ipi_addr.s_addr);
         }
+        if (c->cmsg_level == SOL_SOCKET && c->cmsg_type == SO_RXQ_OVFL) {
+            uint32_t dropped;
+            std::memcpy(&dropped, CMSG_DATA(c), sizeof dropped);
+            stats_.lost = dropped;
+        }
+    }
+    // The agent's checks: the length word says what arrived (of the first
+    // 16 bytes), the type is known, the sequence is not negative.
+    const bool valid = int32_t(Be32(req)) == int32_t(n) && Be32(req + 4) <= 3 && int32_t(Be32(req + 8)) >= 0;
+    const bool local = (ntohl(from.sin_addr.s_addr) >> 24) == 127;
+    const int64_t device = DeviceAt(to, o_.devices);
+    if (!valid || !local) {
+        stats_.invalid++;
+    } else if (device < 0) {
+        stats_.stray++;
+    } else {
+        Accept(uint32_t(device),
+               {from.sin_addr.s_addr, uint16_t(Be32(req + 12)), uint8_t(Be32(req + 4)), Be32(req + 8)});
     }
 }
 
@@ -283,7 +298,7 @@ void Fleet::Begin(uint32_t i) {
     }
     d.fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (d.fd < 0) {
-        End(i, kFailed);
+        End(i, kNoConnect);
         return;
     }
     d.conn++;
@@ -303,12 +318,12 @@ void Fleet::Begin(uint32_t i) {
     e.data.u64 = (uint64_t(d.conn) << 32) | i;
     if (bind(d.fd, reinterpret_cast<sockaddr *>(&self), sizeof self) != 0 ||
         epoll_ctl(epoll_, EPOLL_CTL_ADD, d.fd, &e) != 0) {
-        End(i, kFailed);
+        End(i, kNoConnect);
         return;
     }
     const int rc = connect(d.fd, reinterpret_cast<sockaddr *>(&to), sizeof to);
     if (rc != 0 && errno != EINPROGRESS) {
-        End(i, kFailed);
+        End(i, kNoConnect);
         return;
     }
     d.state = kConnecting;
@@ -342,7 +357,7 @@ void Fleet::Send(uint32_t i) {
     const size_t want = cut ? n / 2 : n;
     const ssize_t r = send(d.fd, buf + d.sent, want - d.sent, MSG_NOSIGNAL);
     if (r < 0 && errno != EAGAIN && errno != EWOULDBLOCK) {
-        End(i, kFailed);
+        End(i, kCutOff);
         return;
     }
     if (r > 0) d.sent = uint16_t(d.sent + r);
@@ -370,7 +385,7 @@ void Fleet::Readable(uint32_t i) {
         // read, as in the agent; only a closed connection matters now.
         const ssize_t r = recv(d.fd, ack, 1, MSG_PEEK);
         if (r > 0) Watch(i, 0);
-        else if (r == 0 || (errno != EAGAIN && errno != EWOULDBLOCK)) End(i, kFailed);
+        else if (r == 0 || (errno != EAGAIN && errno != EWOULDBLOCK)) End(i, kCutOff);
         return;
     }
     // The agent reads once, at most 16 bytes, and takes whatever came as the acknowledgement.
@@ -381,7 +396,7 @@ void Fleet::Readable(uint32_t i) {
         return;
     }
     if (r <= 0) {
-        End(i, kFailed);
+        End(i, kCutOff);
         return;
     }
     d.msg++;
@@ -401,12 +416,12 @@ void Fleet::Event(uint32_t i, uint32_t conn, uint32_t ev) {
     if (d.state == kConnecting) {
         int err = 0;
         socklen_t len = sizeof err;
-        if (getsockopt(d.fd, SOL_SOCKET, SO_ERROR, &err, &len) != 0 || err != 0) End(i, kFailed);
+        if (getsockopt(d.fd, SOL_SOCKET, SO_ERROR, &err, &len) != 0 || err != 0) End(i, kNoConnect);
         else if (ev & EPOLLOUT) Connected(i);
         return;
     }
     if (ev & (EPOLLERR | EPOLLHUP)) {
-        End(i, d.state == kDraining ? kMisbehaved : kFailed);
+        End(i, d.state == kDraining ? kMisbehaved : kCutOff);
         return;
     }
     if (d.state == kSending && (ev & EPOLLOUT)) Send(i);
@@ -417,7 +432,8 @@ void Fleet::Expire(const Timer &t) {
     Device &d = devices_[t.device];
     if (d.timer != t.gen) return;
     if (d.state == kWaiting) Send(t.device);
-    else if (d.state != kIdle) End(t.device, d.state == kDraining ? kMisbehaved : kFailed);
+    else if (d.state != kIdle)
+        End(t.device, d.state == kDraining ? kMisbehaved : d.state == kConnecting ? kNoConnect : kTimedOut);
 }
 
 void Fleet::End(uint32_t i, Outcome how) {
@@ -426,7 +442,9 @@ void Fleet::End(uint32_t i, Outcome how) {
     d.fd = -1;
     d.state = kIdle;
     d.timer++;
-    (how == kComplete ? stats_.complete : how == kMisbehaved ? stats_.misbehaved : stats_.failed)++;
+    uint64_t *const count[] = {&stats_.complete, &stats_.misbehaved, &stats_.noConnect, &stats_.timedOut,
+                               &stats_.cutOff};
+    (*count[how])++;
     if (d.queued == 0) return;
     d.current = d.queue[d.head];
     d.head = uint8_t((d.head + 1) % kQueue);
@@ -647,9 +665,10 @@ int Main(const std::vector<std::string> &args, std::ostream &out, std::ostream &
     const Stats &s = fleet.Figures();
     char t[32];
     snprintf(t, sizeof t, "%.2f s", double(NowNs() - start) / 1e9);
-    out << "dtsim: " << s.complete << " complete, " << s.misbehaved << " misbehaved, " << s.failed << " failed; "
-        << s.invalid << " requests invalid, " << s.stray << " for no device, " << s.overflow
-        << " past a full queue, " << s.lost << " lost to a full socket buffer; " << t << std::endl;
+    out << "dtsim: " << s.complete << " complete, " << s.misbehaved << " misbehaved, " << s.Failed() << " failed ("
+        << s.noConnect << " not connected, " << s.timedOut << " timed out, " << s.cutOff << " cut off); requests: "
+        << s.invalid << " invalid, " << s.stray << " for no device, " << s.overflow << " past a full queue, "
+        << s.lost << " lost to a full socket buffer; " << t << std::endl;
     return 0;
 }
 
