@@ -255,7 +255,9 @@ struct Listener {
     ~Listener() { close(fd); }
     // One connection's messages, each acknowledged, until the device closes;
     // peer gets the address it came from. Nothing when none comes within ms.
-    std::vector<Msg> Take(std::string &peer, int ms = 10000) {
+    // Past `acked` messages the next one is not answered: the connection is
+    // closed at once, or with `hold` kept open until the device gives up.
+    std::vector<Msg> Take(std::string &peer, int ms = 10000, size_t acked = 1000, bool hold = false) {
         std::vector<Msg> msgs;
         pollfd w{fd, POLLIN, 0};
         if (poll(&w, 1, ms) != 1) return msgs;
@@ -272,7 +274,10 @@ struct Listener {
             const ssize_t n = ssize_t(m.payload.size());
             if (n > 0 && recv(c, m.payload.data(), m.payload.size(), MSG_WAITALL) != n) break;
             msgs.push_back(m);
+            if (msgs.size() > acked) break;
             send(c, ack, sizeof ack, MSG_NOSIGNAL);
+        }
+        while (hold && recv(c, h, sizeof h, 0) > 0) {
         }
         close(c);
         return msgs;
@@ -325,6 +330,35 @@ TEST(DtsimDevice, IgnoresWhatTheAgentIgnoresAndAddressesOfNoDevice) {
     EXPECT_TRUE(l.Take(peer, 300).empty());
     EXPECT_EQ(sim.Stop(), 0);
     EXPECT_NE(sim.text.find("1 complete, 0 misbehaved, 0 failed (0 not connected, 0 timed out, 0 cut off); requests: 3 invalid, 1 for no device, 0 past"), npos)
+        << sim.text;
+}
+
+TEST(DtsimDevice, QueuesRequestsWhileBusyAndCountsEachFailureByCause) {
+    OwnNetwork();
+    Sim sim;
+    ASSERT_TRUE(sim.Start("--devices 2 --wait 0.3")) << sim.text;
+    Listener l;
+    // One served, four waiting their turn in order, the sixth past the queue.
+    for (uint32_t seq = 1; seq <= 6; ++seq) Send("127.1.0.1", Request(16, 0, seq, l.port));
+    std::string peer;
+    for (uint32_t seq = 1; seq <= 5; ++seq) {
+        const std::vector<Msg> msgs = l.Take(peer);
+        ASSERT_EQ(msgs.size(), 10u) << seq;
+        EXPECT_EQ(msgs[0].sequence, seq);
+    }
+    EXPECT_TRUE(l.Take(peer, 300).empty());
+    Send("127.1.0.2", Request(16, 0, 1, 1));  // nobody listens on port 1
+    Send("127.1.0.2", Request(16, 0, 2, l.port));
+    EXPECT_EQ(l.Take(peer, 10000, 0, true).size(), 1u) << "the identity, never acknowledged";
+    Send("127.1.0.2", Request(16, 0, 3, l.port));
+    EXPECT_EQ(l.Take(peer, 10000, 0, false).size(), 1u) << "the identity, then closed";
+    // Served only once the device has seen the close.
+    Send("127.1.0.2", Request(16, 0, 4, l.port));
+    EXPECT_EQ(l.Take(peer).size(), 10u);
+    EXPECT_EQ(sim.Stop(), 0);
+    EXPECT_NE(sim.text.find("dtsim: 6 complete, 0 misbehaved, 3 failed (1 not connected, 1 timed out, 1 cut off); "
+                            "requests: 0 invalid, 0 for no device, 1 past a full queue"),
+              npos)
         << sim.text;
 }
 
