@@ -1,6 +1,7 @@
 // Arbitrary device bytes through the collector's stream reader. The first
-// byte picks self-test mode and the size of the chunks the bytes arrive in,
-// so that framing is exercised at every split point.
+// byte picks self-test mode, whether the request carried sequence 5 or let
+// the device number the identity, and the size of the chunks the bytes
+// arrive in, so that framing is exercised at every split point.
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -32,8 +33,8 @@ bool escapesValid(const std::string &line) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size == 0) return 0;
-    dtcore::StreamReader reader((data[0] & 1) != 0, 0, 1u << 16);
-    size_t chunk = (data[0] >> 1) + 1u;
+    dtcore::StreamReader reader((data[0] & 1) != 0, (data[0] & 0x80) ? 5 : 0, 1u << 16);
+    size_t chunk = ((data[0] >> 1) & 0x3F) + 1u;
     size_t acks = 0;
     for (size_t at = 1; at < size; at += chunk) acks += reader.Feed(data + at, size - at < chunk ? size - at : chunk);
     bool ok = reader.Finish();

@@ -75,16 +75,32 @@ size_t StreamReader::Feed(const uint8_t *data, size_t len) {
 // Checks what the header alone can tell, so that a bad length is reported
 // before the collector waits for bytes that will never come.
 bool StreamReader::header_() {
-    uint32_t length = be32(msg_.data()), type = be32(msg_.data() + 4);
+    uint32_t length = be32(msg_.data()), type = be32(msg_.data() + 4), sequence = be32(msg_.data() + 8);
     std::string where = "message " + at(msgStart_);
     if (length < kHeaderSize || length > kMaxMessage)
         return fail_(where + " has length " + std::to_string(length) + " (a message is 12 to 1036 bytes)");
     if (type > 2) return fail_(where + " has the unknown type " + std::to_string(type));
     if (messages_ == 0 && type != 0)
         return fail_(where + " is of type " + std::to_string(type) + " where the identity message belongs");
+    if (messages_ == 0 && length != 16)
+        return fail_("identity message " + at(msgStart_) + " has length " + std::to_string(length) + " instead of 16");
+    if (messages_ == 0 && requestSequence_ != 0 && sequence != requestSequence_)
+        return fail_("identity message " + at(msgStart_) + " bears sequence " + std::to_string(sequence) +
+                     ", not the request's " + std::to_string(requestSequence_));
     if (messages_ > 0 && type == 0) return fail_(where + " is a second identity message");
+    if (selfTest_ && type == 1) return fail_(where + " is a section list, which a self test never sends");
+    if (!selfTest_ && messages_ == 1 && type != 1)
+        return fail_(where + " is of type " + std::to_string(type) + " where the section list belongs");
     if (type == 1 && messages_ != 1)
         return fail_(where + " is a section list out of place (only the second message may be one)");
+    // The identity carries the request's number; the device's own counter runs from the next message on.
+    bool counted = messages_ >= 2 || (messages_ == 1 && requestSequence_ == 0);
+    if (counted && sequence != uint32_t(lastSequence_ + 1))
+        return fail_(where + " bears sequence " + std::to_string(sequence) + " where " +
+                     std::to_string(uint32_t(lastSequence_ + 1)) + " follows: a message is missing or out of order");
+    if (selfTest_ && lastWasEmptyData_)
+        return fail_(where + " follows the closing empty data message of the self test");
+    lastSequence_ = sequence;
     msgLen_ = length;
     return true;
 }
@@ -96,13 +112,16 @@ bool StreamReader::message_() {
     lastWasEmptyData_ = type == 2 && n == 0;
     if (type == 0) return identity_(payload, n);
     if (type == 1) return sectionList_(payload, n);
-    sawData_ = true;
+    if (n == 0 && pending_)
+        return fail_("empty data message " + at(msgStart_) + " where the " + KindName(partial_.kind) +
+                     " value begun " + at(partial_.offset) + " continues");
     return records_(payload, n);
 }
 
 bool StreamReader::identity_(const uint8_t *p, size_t n) {
-    if (n != 4)
-        return fail_("identity message " + at(msgStart_) + " carries " + std::to_string(n) + " bytes instead of 4");
+    if (p[2] != 0 || p[3] != 0)
+        return fail_("identity message " + at(msgStart_) + " ends in " + hexByte(p[2]) + " " + hexByte(p[3]) +
+                     " instead of two zero bytes");
     Event e;
     e.type = Event::kIdentity;
     e.offset = msgStart_;
@@ -114,31 +133,42 @@ bool StreamReader::identity_(const uint8_t *p, size_t n) {
 }
 
 bool StreamReader::sectionList_(const uint8_t *p, size_t n) {
+    listed_ = true;
     for (size_t pos = 0; pos < n;) {
-        size_t entry = msgStart_ + kHeaderSize + pos;
+        std::string where = "section list entry " + at(msgStart_ + kHeaderSize + pos);
         if (n - pos < 6 || n - pos - 6 < be16(p + pos + 4))
-            return fail_("section list entry " + at(entry) + " overruns its message, which ends " +
-                         at(msgStart_ + msgLen_));
+            return fail_(where + " overruns its message, which ends " + at(msgStart_ + msgLen_));
+        uint32_t index = be32(p + pos);
+        size_t length = be16(p + pos + 4);
+        const char *name = reinterpret_cast<const char *>(p + pos + 6);
+        if (names_.size() >= kMaxSections) return fail_(where + " is past the 19 sections a device may have");
+        if (index != names_.size())
+            return fail_(where + " has index " + std::to_string(index) + " where " + std::to_string(names_.size()) +
+                         " belongs");
+        if (length == 0 || length > kMaxName)
+            return fail_(where + " has a name of " + std::to_string(length) + " bytes (1 to 19)");
+        if (std::find(name, name + length, '\0') != name + length) return fail_(where + " has a zero byte in its name");
         Event e;
         e.type = Event::kSection;
-        e.offset = entry;
-        e.index = be32(p + pos);
+        e.offset = msgStart_ + kHeaderSize + pos;
+        e.index = index;
         e.named = true;
-        e.name.assign(reinterpret_cast<const char *>(p + pos + 6), be16(p + pos + 4));
-        names_[e.index] = e.name;  // a repeated number takes the later name
+        e.name.assign(name, length);
+        names_.push_back(e.name);
         events_.push_back(e);
-        pos += 6 + e.name.size();
+        pos += 6 + length;
     }
     return true;
 }
 
 bool StreamReader::records_(const uint8_t *p, size_t n) {
     for (size_t pos = 0, used = 0; pos < n; pos += used)
-        if (!record_(p + pos, n - pos, msgStart_ + kHeaderSize + pos, used)) return false;
+        if (!record_(p + pos, n - pos, pos, used)) return false;
     return true;
 }
 
-bool StreamReader::record_(const uint8_t *p, size_t n, size_t at_, size_t &used) {
+bool StreamReader::record_(const uint8_t *p, size_t n, size_t pos, size_t &used) {
+    size_t at_ = msgStart_ + kHeaderSize + pos;
     std::string where = "record " + at(at_);
     if (n < 13)
         return fail_(where + ": its message ends after " + std::to_string(n) +
@@ -153,11 +183,24 @@ bool StreamReader::record_(const uint8_t *p, size_t n, size_t at_, size_t &used)
         return fail_(std::string(KindName(kind)) + " " + where + " needs " + std::to_string(need) +
                      " bytes but its message ends " + at(at_ + n));
     used = need;
+    // The writer flushes first when no more than this is free, whatever the record's size.
+    size_t flushAt = kind == kInt ? 16 : kind == kLong ? 20 : 24;
+    if (kMaxPayload - pos <= flushAt)
+        return fail_(std::string(KindName(kind)) + " " + where + " starts " + std::to_string(kMaxPayload - pos) +
+                     " bytes before the end of a full message, where the device begins a new one");
     uint32_t section = be32(p + 1), block = be32(p + 5), code = be32(p + 9);
     if (pending_ && (kind != partial_.kind || section != partial_.index || block != partial_.block ||
                      code != partial_.code))
         return fail_(where + " breaks into the " + KindName(partial_.kind) + " value begun " + at(partial_.offset));
-    if (isPiece(kind)) return piece_(kind, last, section, block, code, p + 15, need - 15, at_);
+    if (!pending_ && !belongs_(p[0], section, block, code, p + 15, need - 15, pos, at_)) return false;
+    if (isPiece(kind)) {
+        if (need == 15 && (pending_ || p[0] != 0x83))
+            return fail_(std::string(KindName(kind)) + " " + where + " is an empty piece");
+        if (!last && pos + need != kMaxPayload)
+            return fail_(std::string(KindName(kind)) + " " + where +
+                         " is not its value's last piece yet ends before its message is full");
+        return piece_(kind, last, section, block, code, p + 15, need - 15, at_);
+    }
     Event e;
     e.offset = at_;
     e.block = block;
@@ -165,6 +208,28 @@ bool StreamReader::record_(const uint8_t *p, size_t n, size_t at_, size_t &used)
     e.kind = kind;
     e.number = kind == kInt ? be32(p + 13) : (uint64_t(be32(p + 13)) << 32) | be32(p + 17);
     value_(e, section);
+    return true;
+}
+
+// Whether a value's first record may come from this section here.
+bool StreamReader::belongs_(int kindByte, uint32_t section, uint32_t block, uint32_t code, const uint8_t *data,
+                            size_t len, size_t pos, size_t at_) {
+    std::string where = "record " + at(at_);
+    if (!selfTest_) {
+        if (section < names_.size()) return true;
+        return fail_(where + " is of section " + std::to_string(section) + ", which the section list does not name");
+    }
+    if (section == kNameRecordSection) {
+        const char *name = reinterpret_cast<const char *>(data);
+        bool nameOk = kindByte == 0x83 && block == 0 && code == 0 && len >= 1 && len <= kMaxName &&
+                      std::find(name, name + len, '\0') == name + len;
+        if (!nameOk) return fail_(where + " of section 65535 is not a self-test name record");
+        if (pos != 0) return fail_("self-test name record " + at(at_) + " does not begin its message");
+        return true;
+    }
+    if (!selfTestNamed_) return fail_(where + " comes before the self test's first name record");
+    if (section >= kMaxSections)
+        return fail_(where + " is of section " + std::to_string(section) + ", past the 19 a device may have");
     return true;
 }
 
@@ -194,7 +259,7 @@ bool StreamReader::piece_(int kind, bool last, uint32_t section, uint32_t block,
 void StreamReader::value_(Event &e, uint32_t section) {
     e.type = Event::kValue;
     e.index = section;
-    if (selfTest_ && section == kNameRecordSection && e.kind == kString) {
+    if (selfTest_ && section == kNameRecordSection) {
         e.type = Event::kSelfTestSection;
         e.named = true;
         e.name = e.bytes;
@@ -204,9 +269,8 @@ void StreamReader::value_(Event &e, uint32_t section) {
         e.named = selfTestNamed_;
         e.name = selfTestName_;
     } else {
-        auto it = names_.find(section);
-        e.named = it != names_.end();
-        if (e.named) e.name = it->second;
+        e.named = true;
+        e.name = names_[section];
     }
     events_.push_back(std::move(e));
 }
@@ -218,6 +282,7 @@ bool StreamReader::Finish() {
                      std::to_string(msg_.size()) + " of " +
                      (msgLen_ ? std::to_string(msgLen_) : std::string("12 header")) + " bytes received)");
     if (messages_ == 0) return fail_("connection closed " + at(0) + " before the identity message");
+    if (!selfTest_ && !listed_) return fail_("connection closed " + at(consumed_) + " before the section list");
     if (pending_)
         return fail_("connection closed " + at(consumed_) + " with the " + KindName(partial_.kind) +
                      " value begun " + at(partial_.offset) + " unfinished");
@@ -297,14 +362,31 @@ std::string FormatText(const std::string &host, const Event &e) {
     return s + (e.kind == kString ? JsonString(e.bytes) : Hex(e.bytes));
 }
 
+bool IsUtf8(const std::string &s) {
+    for (size_t i = 0; i < s.size();) {
+        size_t n = uint8_t(s[i]) < 0x80 ? 1 : utf8Length(s, i);
+        if (n == 0) return false;
+        i += n;
+    }
+    return true;
+}
+
 std::string FormatJson(const std::string &host, const Event &e) {
     if (e.type != Event::kValue) return std::string();
-    std::string s = "{\"host\":" + JsonString(host) + ",\"section\":" + (e.named ? JsonString(e.name) : "null") +
+    // Bytes that are not valid UTF-8 have no JSON string that gives them back, so they go as hex.
+    auto member = [](const char *key, const std::string &bytes) {
+        if (IsUtf8(bytes)) return "\"" + std::string(key) + "\":" + JsonString(bytes);
+        return "\"" + std::string(key) + "_hex\":\"" + Hex(bytes) + "\"";
+    };
+    std::string s = "{\"host\":" + JsonString(host) + "," +
+                    (e.named ? member("section", e.name) : std::string("\"section\":null")) +
                     ",\"index\":" + std::to_string(e.index) + ",\"block\":" + std::to_string(e.block) +
-                    ",\"code\":" + std::to_string(e.code) + ",\"kind\":\"" + KindName(e.kind) + "\",\"value\":";
-    if (e.kind == kInt || e.kind == kLong) s += std::to_string(e.number);
-    else if (e.kind == kString) s += JsonString(e.bytes);
-    else s += "\"" + Hex(e.bytes) + "\"";
+                    ",\"code\":" + std::to_string(e.code) + ",\"kind\":\"" + KindName(e.kind) + "\",";
+    // A long above 2^53 would lose digits as a JSON number in most readers.
+    if (e.kind == kInt) s += "\"value\":" + std::to_string(e.number);
+    else if (e.kind == kLong) s += "\"value\":\"" + std::to_string(e.number) + "\"";
+    else if (e.kind == kString) s += member("value", e.bytes);
+    else s += "\"value\":\"" + Hex(e.bytes) + "\"";
     return s + "}";
 }
 
