@@ -3,13 +3,11 @@
 #pragma once
 
 #include <arpa/inet.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdint>
-#include <initializer_list>
 #include <string>
 #include <vector>
 

@@ -166,10 +166,14 @@ bool Core::Open(std::string &error) {
     wakeFd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     udpFd_ = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     listenFd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (epollFd_ < 0 || wakeFd_ < 0 || udpFd_ < 0 || listenFd_ < 0) {
-        error = sysError("cannot make the collector's descriptors");
+    // A failed Open leaves nothing open, so that it may be tried again.
+    auto failed = [this, &error](const std::string &why) {
+        error = sysError(why);
+        for (int *fd : {&epollFd_, &wakeFd_, &udpFd_, &listenFd_}) closeFd(*fd);
         return false;
-    }
+    };
+    if (epollFd_ < 0 || wakeFd_ < 0 || udpFd_ < 0 || listenFd_ < 0)
+        return failed("cannot make the collector's descriptors");
     int one = 1;
     setsockopt(listenFd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
     sockaddr_in a{};
@@ -178,11 +182,8 @@ bool Core::Open(std::string &error) {
     a.sin_port = htons(cfg_.listenPort);
     socklen_t len = sizeof a;
     if (bind(listenFd_, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0 || listen(listenFd_, SOMAXCONN) != 0 ||
-        getsockname(listenFd_, reinterpret_cast<sockaddr *>(&a), &len) != 0) {
-        error = sysError("cannot listen on TCP port " + std::to_string(cfg_.listenPort));
-        closeFd(epollFd_);
-        return false;
-    }
+        getsockname(listenFd_, reinterpret_cast<sockaddr *>(&a), &len) != 0)
+        return failed("cannot listen on TCP port " + std::to_string(cfg_.listenPort));
     boundPort_ = ntohs(a.sin_port);
     epoll_event e{};
     e.events = EPOLLIN;
