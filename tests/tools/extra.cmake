@@ -15,6 +15,13 @@ add_dependencies(test_dtconfigd_test dtconfigd)
 string(REPLACE ";" " " _dtconfigd_emulator "${CMAKE_CROSSCOMPILING_EMULATOR}")
 target_compile_definitions(test_dtconfigd_test PRIVATE
   DTCONFIGD_COMMAND="${_dtconfigd_emulator} $<TARGET_FILE:dtconfigd>")
+# dtsim: the tests know the simulated host's values from its core, play the
+# collector themselves and run dtcollect against the fleet.
+target_link_libraries(test_dtsim_test PRIVATE dtsim_core dtcollect_core)
+add_dependencies(test_dtsim_test dtsim dtcollect)
+target_compile_definitions(test_dtsim_test PRIVATE DTKIT_VERSION="${PROJECT_VERSION}"
+  DTSIM_COMMAND="${_dtcollect_emulator} $<TARGET_FILE:dtsim>"
+  DTCOLLECT_COMMAND="${_dtcollect_emulator} $<TARGET_FILE:dtcollect>")
 # dtkit_exporter: the probe and the exposition writer in-process, everywhere;
 # the program itself (and the real Prometheus) where the HTTP library is found.
 target_link_libraries(test_dtkit_exporter_test PRIVATE dtkit_exporter_core)
