@@ -4,6 +4,7 @@
 
 #include <climits>
 
+#include "collect/collect_client_internal.h"
 #include "collect/collect_getdata.h"
 #include "test_collector.h"
 
@@ -138,6 +139,23 @@ TEST(CollectClient, WritersFlushAndSplitAtTheBufferEnd) {
 
 TEST(CollectClient, NothingIsWrittenOutsideACollection) {
     EXPECT_EQ(CollectClient_Start(nullptr, 1), 0);
+    int lsock = -1;
+    const uint16_t refused = ct::Listen(&lsock);
+    close(lsock);
+    const int lowest = dup(0);  // the descriptor a leaked socket would hold
+    close(lowest);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(CollectClient_Start("127.0.0.1", refused), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "connect error.\n");
+    const int next = dup(0);
+    EXPECT_EQ(next, lowest) << "the socket of the failed connection is closed";
+    close(next);
+    uint32_t type = 0;
+    uint8_t port4[4];
+    const Bytes req = ct::Request(16, 2, 5, 9000);
+    EXPECT_EQ(CollectClient_ParseRequest_(nullptr, 16, &type, port4), -1);
+    EXPECT_EQ(CollectClient_ParseRequest_(req.data(), 16, nullptr, port4), -1);
+    EXPECT_EQ(CollectClient_ParseRequest_(req.data(), 16, &type, nullptr), -1);
     EXPECT_EQ(CollectClient_Flush(0), 0);
     EXPECT_EQ(CollectClient_CollectString(1, 2, 3, "abc", 0), 0);
     EXPECT_EQ(CollectClient_CollectBuffer(1, 2, 3, "abc", 3), 0);

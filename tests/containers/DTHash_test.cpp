@@ -39,8 +39,9 @@ std::vector<uint8_t> Key(uint32_t len, uint32_t pos, uint8_t byte) {
 }
 
 std::vector<uint32_t> g_visited;
-int32_t Visit(const void *key, void *, void *want) {
+int32_t Visit(const void *key, void *value, void *want) {
     g_visited.push_back(U32(key));
+    EXPECT_EQ(U32(value), U32(key) + 1) << "the value follows its key";
     return U32(key) == *static_cast<uint32_t *>(want) ? 0 : 1;
 }
 
