@@ -76,6 +76,9 @@ std::vector<ct::Msg> Session(int prefill, void (*write)()) {
     return msgs;
 }
 
+// Equal by design, so not cases: a piece takes at least 10 bytes unless fewer are
+// left, so a put that stops after a 1-byte piece had finished anyway; a struct of
+// 2^31 bytes or more that got past the put's check is refused by the piece's signed length.
 TEST(CollectClient, WritersFlushAndSplitAtTheBufferEnd) {
     const struct {
         const char *what;

@@ -121,6 +121,7 @@ TEST(DTHash, RefusedArguments) {
     DTHash_Release(h);
 }
 
+// The lookup's prefetches are hints: without any of them every answer is the same.
 TEST(DTHash, FindAndShowGoByBucketThenNewestFirst) {
     DTHash *h = DTHash_New(4, 4, 4, TopByte);
     // Replacing the oldest key keeps its single entry where it was.
