@@ -67,6 +67,8 @@ struct Step {
     int from;
 };
 
+// A request is never empty ("=>config" at least), so refusing a length of 0 as
+// well as a negative one changes nothing.
 TEST(DTConfig, FirstQueryBroadcastsThenFollowsWhoeverAnswered) {
     dttest::NetnsPair ns;
     int socks[3] = {-1, -1, -1};
