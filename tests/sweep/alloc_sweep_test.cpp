@@ -99,11 +99,13 @@ void MakeWxyz() { DTMem_memcpy(m = DTMem_New(4, 0), 0, "wxyz", 4); }
 int64_t Grow() {
     DTMemBlock *grown = DTMem_realloc(m, 64);
     m = grown ? grown : m;
-    return Ptr(grown);
+    return got = Ptr(grown);
 }
 bool WxyzStays() {
+    EXPECT_EQ(m->size, got ? 64u : 4u) << "the size follows a resize that worked";
     EXPECT_EQ(DTMem_memcmp(m, 0, "wxyz", 4), 0) << "the old object stays whole";
-    m = DTMem_realloc(m, 2);
+    m = DTMem_realloc(m, 2);  // a shrink keeps what fits
+    EXPECT_EQ(m->size, 2u);
     return DTMem_memcmp(m, 0, "wx", 2) == 0;
 }
 bool StaticAgain() {  // the next call tries the chunk again
