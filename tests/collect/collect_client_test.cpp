@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+
 #include <climits>
 
 #include "collect/collect_client_internal.h"
@@ -145,12 +147,12 @@ TEST(CollectClient, NothingIsWrittenOutsideACollection) {
     int lsock = -1;
     const uint16_t refused = ct::Listen(&lsock);
     close(lsock);
-    const int lowest = dup(0);  // the descriptor a leaked socket would hold
+    const int lowest = open("/dev/null", O_RDONLY);  // the descriptor a leaked socket would hold
     close(lowest);
     testing::internal::CaptureStdout();
     EXPECT_EQ(CollectClient_Start("127.0.0.1", refused), 0);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "connect error.\n");
-    const int next = dup(0);
+    const int next = open("/dev/null", O_RDONLY);
     EXPECT_EQ(next, lowest) << "the socket of the failed connection is closed";
     close(next);
     uint32_t type = 0;
