@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <string>
 
 #include "containers/DTBuf.h"
@@ -40,6 +41,11 @@ TEST(DTBuf, GrowsByStepZeroFilledGetSetClear) {
     EXPECT_EQ(1, DTBuf_Append(buf, words, 3));
     EXPECT_EQ(4, DTBuf_Get(buf, 0, nullptr));
     EXPECT_EQ(std::string((const char *)words, 12), Contents(buf, 12));
+    const uint32_t nine = 9;
+    EXPECT_EQ(1, DTBuf_Set(buf, 2, &nine, 1));  // offsets count elements, not bytes
+    EXPECT_EQ(2, DTBuf_Get(buf, 2, &p));
+    EXPECT_EQ(0, memcmp(p, &nine, 4));
+    EXPECT_EQ(0, memcmp(Contents(buf, 8).data(), words, 8));
     DTBuf_Release(buf);
     EXPECT_EQ(nullptr, DTBuf_New(0, 4, 4));
 }
