@@ -71,8 +71,12 @@ TEST(CollectAgent, RegistryLimitsAndNames) {
 
 CollectSection *g_alpha;
 DTFaultRecord *g_fault;
+DTFaultRecord g_bare;  // never registered: no logs at all
 void AlphaTest(uint32_t arg) {
+    Collect_BeginSection(g_alpha, 5);
+    Collect_EndSection(g_alpha);
     Collect_PutInt(g_alpha, 4, arg + 9);
+    Collect_PutRunLog(g_alpha, 9, &g_bare);
     Collect_PutRunLog(g_alpha, 5, g_fault);
     Collect_PutInitLog(g_alpha, 6, g_fault);
     Collect_PutRunLog(g_alpha, 7, nullptr);
@@ -100,6 +104,7 @@ TEST(CollectAgent, SelfTestLeadsEachSectionWithItsName) {
     EXPECT_EQ(v[0].kind, 0x83);
     EXPECT_EQ(ct::Text(v[0].data), "alpha");
     EXPECT_EQ(v[1].section, 0u);
+    EXPECT_EQ(v[1].block, 0u) << "an ended section puts block 0";
     EXPECT_EQ(ct::Be32(v[1].data.data()), 9u) << "the self-test callback gets 0";
     EXPECT_EQ(ct::Text(v[3].data), "first");
     EXPECT_EQ(ct::Text(v[5].data), "");

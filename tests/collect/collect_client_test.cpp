@@ -15,7 +15,7 @@ namespace {
 using ct::Bytes;
 
 // Equal on this system, so not cases: the receive's flags as MSG_OOB (datagram
-// sockets ignore it); a send loop that stops with one byte left (a blocking send on
+// sockets ignore it); a connect address with non-zero padding (ignored too); a send loop that stops with one byte left (a blocking send on
 // this stream returns short only on a signal, never seen here).
 TEST(CollectClient, RequestsAreValidatedAndPrinted) {
     const struct {
@@ -83,7 +83,8 @@ std::vector<ct::Msg> Session(int prefill, void (*write)()) {
 
 // Equal by design, so not cases: a piece takes at least 10 bytes unless fewer are
 // left, so a put that stops after a 1-byte piece had finished anyway; a struct of
-// 2^31 bytes or more that got past the put's check is refused by the piece's signed length.
+// 2^31 bytes or more that got past the put's check is refused by the piece's signed
+// length; a string's length reaches 2^31 only through strlen of a 2 GiB text.
 TEST(CollectClient, WritersFlushAndSplitAtTheBufferEnd) {
     const struct {
         const char *what;
@@ -115,6 +116,7 @@ TEST(CollectClient, WritersFlushAndSplitAtTheBufferEnd) {
              EXPECT_EQ(CollectClient_CollectBuffer(1, 0, 2, nullptr, 5), 0);
              CollectSection *s = Collect_New("refused", nullptr, nullptr);
              Collect_PutStruct(s, 1, nullptr, 5);
+             Collect_PutStruct(s, 1, "x", 0);
              Collect_PutStruct(s, 1, "x", 0x80000000u);
              Collect_PutString(s, 1, "x", -1);
              Collect_PutString(s, 1, nullptr, 0);
