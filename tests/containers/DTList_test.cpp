@@ -100,6 +100,7 @@ TEST_F(ListTest, FindAndRelease) {
     EXPECT_EQ(nullptr, DTList_Find(l, nullptr, W(4)));
     EXPECT_EQ(-1, DTList_FindPos(l, nullptr, W(4)));
     DTList_RemoveAll(l);
+    EXPECT_EQ(0, DTList_Length(l));
     EXPECT_EQ((Items{4, 6, 6}), g_freed);
     EXPECT_EQ(1, DTList_Append(l, W(8)));  // the handle outlives RemoveAll
     DTList_Release(l);

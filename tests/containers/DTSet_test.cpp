@@ -4,6 +4,7 @@
 
 #include "containers/DTSet_internal.h"
 #include "dttest.h"
+#include "foundation/DTMem.h"
 
 namespace {
 
@@ -25,7 +26,11 @@ TEST(DTSet, Refusals) {
 
 TEST(DTSet, MembersAreIndependent) {
     for (uint32_t size : {1u, 7u, 9u, 64u}) {
+        DTMemOwnerStats before{}, after{};
+        DTMem_GetOwnerStats(0, &before);
         DTSet *s = DTSet_New(size);
+        DTMem_GetOwnerStats(0, &after);
+        EXPECT_EQ(after.bytes - before.bytes, 4 + sizeof(DTSet) + (size + 7) / 8) << "one bit a member, rounded up";
         for (uint32_t i = 0; i < size; ++i) {
             EXPECT_EQ(DTSet_Set(s, i, 2), 1);
             for (uint32_t j = 0; j < size; ++j) EXPECT_EQ(DTSet_Get(s, j), j <= i ? 1 : 0);
