@@ -68,7 +68,8 @@ struct Step {
 };
 
 // A request is never empty ("=>config" at least), so refusing a length of 0 as
-// well as a negative one changes nothing.
+// well as a negative one changes nothing. The terminator forced after the host's
+// formatter guards formatters that do not write one; the test platform's always does.
 TEST(DTConfig, FirstQueryBroadcastsThenFollowsWhoeverAnswered) {
     dttest::NetnsPair ns;
     int socks[3] = {-1, -1, -1};
