@@ -194,8 +194,7 @@ int32_t CollectClient_Flush(uint32_t sequence) {
         puts("send error.");
         return 0;
     }
-    uint8_t ack[kAckSize];
-    memset(ack, 0, sizeof ack);
+    uint8_t ack[kAckSize];  // only its arrival counts, never its bytes
     if (recv(l_fd, ack, sizeof ack, 0) < 0) {
         puts("recv error.");
         return 0;

@@ -2,6 +2,8 @@
 
 #include <string.h>
 
+#include <algorithm>
+
 #include "foundation/DTPrint.h"
 #include "foundation/DTString.h"
 #include "platform/DTPlatform.h"
@@ -128,7 +130,7 @@ static uint32_t DTMem_Span_(const DTMemBlock *m, uint32_t offset, uint32_t len) 
     uint32_t size = m->size;
     if (offset >= size) return 0;
     uint32_t room = size - offset;
-    return len < room ? len : room;
+    return std::min(len, room);
 }
 
 void *DTMem_Get(DTMemBlock *m, uint32_t offset) {

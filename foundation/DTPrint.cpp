@@ -2,6 +2,8 @@
 
 #include <string.h>
 
+#include <algorithm>
+
 #include "foundation/DTMem.h"
 #include "foundation/DTPrint_internal.h"
 #include "platform/DTPlatform.h"
@@ -73,7 +75,7 @@ void DTPrint_Print(DTPrint *p, const char *s, int32_t count) {
     size_t len = strlen(s);
     // A string that cannot fit even an empty buffer always goes straight to the
     // console; clamping its length keeps the arithmetic within int32_t.
-    int32_t n = len < static_cast<size_t>(p->capacity) ? static_cast<int32_t>(len) : p->capacity;
+    int32_t n = static_cast<int32_t>(std::min(len, static_cast<size_t>(p->capacity)));
     while (count > 0) {
         while (n < p->capacity - p->length) {
             memcpy(p->buffer + p->length, s, static_cast<size_t>(n));

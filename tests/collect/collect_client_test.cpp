@@ -2,8 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+
 #include <climits>
 
+#include "collect/collect_client_internal.h"
 #include "collect/collect_getdata.h"
 #include "test_collector.h"
 
@@ -11,6 +14,9 @@ namespace {
 
 using ct::Bytes;
 
+// Equal on this system, so not cases: the receive's flags as MSG_OOB (datagram
+// sockets ignore it); a connect address with non-zero padding (ignored too); a send loop that stops with one byte left (a blocking send on
+// this stream returns short only on a signal, never seen here).
 TEST(CollectClient, RequestsAreValidatedAndPrinted) {
     const struct {
         const char *what;
@@ -75,6 +81,10 @@ std::vector<ct::Msg> Session(int prefill, void (*write)()) {
     return msgs;
 }
 
+// Equal by design, so not cases: a piece takes at least 10 bytes unless fewer are
+// left, so a put that stops after a 1-byte piece had finished anyway; a struct of
+// 2^31 bytes or more that got past the put's check is refused by the piece's signed
+// length; a string's length reaches 2^31 only through strlen of a 2 GiB text.
 TEST(CollectClient, WritersFlushAndSplitAtTheBufferEnd) {
     const struct {
         const char *what;
@@ -106,6 +116,7 @@ TEST(CollectClient, WritersFlushAndSplitAtTheBufferEnd) {
              EXPECT_EQ(CollectClient_CollectBuffer(1, 0, 2, nullptr, 5), 0);
              CollectSection *s = Collect_New("refused", nullptr, nullptr);
              Collect_PutStruct(s, 1, nullptr, 5);
+             Collect_PutStruct(s, 1, "x", 0);
              Collect_PutStruct(s, 1, "x", 0x80000000u);
              Collect_PutString(s, 1, "x", -1);
              Collect_PutString(s, 1, nullptr, 0);
@@ -138,6 +149,23 @@ TEST(CollectClient, WritersFlushAndSplitAtTheBufferEnd) {
 
 TEST(CollectClient, NothingIsWrittenOutsideACollection) {
     EXPECT_EQ(CollectClient_Start(nullptr, 1), 0);
+    int lsock = -1;
+    const uint16_t refused = ct::Listen(&lsock);
+    close(lsock);
+    const int lowest = open("/dev/null", O_RDONLY);  // the descriptor a leaked socket would hold
+    close(lowest);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(CollectClient_Start("127.0.0.1", refused), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "connect error.\n");
+    const int next = open("/dev/null", O_RDONLY);
+    EXPECT_EQ(next, lowest) << "the socket of the failed connection is closed";
+    close(next);
+    uint32_t type = 0;
+    uint8_t port4[4];
+    const Bytes req = ct::Request(16, 2, 5, 9000);
+    EXPECT_EQ(CollectClient_ParseRequest_(nullptr, 16, &type, port4), -1);
+    EXPECT_EQ(CollectClient_ParseRequest_(req.data(), 16, nullptr, port4), -1);
+    EXPECT_EQ(CollectClient_ParseRequest_(req.data(), 16, &type, nullptr), -1);
     EXPECT_EQ(CollectClient_Flush(0), 0);
     EXPECT_EQ(CollectClient_CollectString(1, 2, 3, "abc", 0), 0);
     EXPECT_EQ(CollectClient_CollectBuffer(1, 2, 3, "abc", 3), 0);

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <string>
 
 #include "containers/DTBuf.h"
@@ -11,6 +12,8 @@ static std::string Contents(DTBuf *buf, uint32_t bytes) {
     return p ? std::string((const char *)p, bytes) : "";
 }
 
+// Untestable by design: refusing a storage size of exactly 0xFFFFFFFF before the
+// allocator or letting the allocator refuse it (it never asks the platform) is the same.
 TEST(DTBuf, GrowsByStepZeroFilledGetSetClear) {
     DTBuf *buf = DTBuf_New(1, 16, 0);
     const std::string text = "abcdefghijklmnopqrst";
@@ -38,6 +41,11 @@ TEST(DTBuf, GrowsByStepZeroFilledGetSetClear) {
     EXPECT_EQ(1, DTBuf_Append(buf, words, 3));
     EXPECT_EQ(4, DTBuf_Get(buf, 0, nullptr));
     EXPECT_EQ(std::string((const char *)words, 12), Contents(buf, 12));
+    const uint32_t nine = 9;
+    EXPECT_EQ(1, DTBuf_Set(buf, 2, &nine, 1));  // offsets count elements, not bytes
+    EXPECT_EQ(2, DTBuf_Get(buf, 2, &p));
+    EXPECT_EQ(0, memcmp(p, &nine, 4));
+    EXPECT_EQ(0, memcmp(Contents(buf, 8).data(), words, 8));
     DTBuf_Release(buf);
     EXPECT_EQ(nullptr, DTBuf_New(0, 4, 4));
 }

@@ -58,11 +58,12 @@ TEST_F(ListTest, PositionRules) {
 
 TEST_F(ListTest, SetReplacesOrExtends) {
     DTList *l = Make({1, 2});
+    EXPECT_EQ(W(1), DTList_Set(l, 0, W(6)));
     EXPECT_EQ(W(2), DTList_Set(l, 1, W(7)));
     EXPECT_EQ(nullptr, DTList_Set(l, -1, W(8)));
     EXPECT_EQ(nullptr, DTList_Set(l, 4, W(5)));
     EXPECT_EQ(nullptr, DTList_Set(nullptr, 0, W(1)));
-    EXPECT_EQ((Items{1, 7, 0, 0, 5}), Content(l));
+    EXPECT_EQ((Items{6, 7, 0, 0, 5}), Content(l));
 }
 
 TEST_F(ListTest, BoundedPushDropsOldest) {
@@ -96,7 +97,10 @@ TEST_F(ListTest, FindAndRelease) {
     EXPECT_EQ(W(6), DTList_Find(l, Equal, W(6)));
     EXPECT_EQ(-1, DTList_FindPos(l, Never, W(4)));
     EXPECT_EQ(nullptr, DTList_Find(l, Never, W(4)));
+    EXPECT_EQ(nullptr, DTList_Find(l, nullptr, W(4)));
+    EXPECT_EQ(-1, DTList_FindPos(l, nullptr, W(4)));
     DTList_RemoveAll(l);
+    EXPECT_EQ(0, DTList_Length(l));
     EXPECT_EQ((Items{4, 6, 6}), g_freed);
     EXPECT_EQ(1, DTList_Append(l, W(8)));  // the handle outlives RemoveAll
     DTList_Release(l);

@@ -38,6 +38,8 @@ TEST(DTPrint, PrintChRunsWithPrintingOnAndOff) {
     EXPECT_EQ(p->length, 7);
     DTPrint_PrintCh(p, '-', 5);  // the full buffer is dropped and writing restarts
     EXPECT_EQ(p->length, 3);
+    DTPrint_PrintCh(p, '-', 0);
+    EXPECT_EQ(p->length, 3);
     DTPrint_SetPrint(p, 1);
     DTPrint_Release(p);
     EXPECT_EQ(dttest::Console(), (Calls{"*********", "*********", "---"}));

@@ -26,10 +26,13 @@ TEST(DTString, HexDumpBreaksAfterEvery16thByteWithASuccessor) {
     EXPECT_STREQ(DTString_HFormat(out, high, 2), "AB F0 ");
 }
 
+// The hex buffer one byte larger would change nothing: dumps stop at 3265 bytes.
 TEST(DTString, SharedBuffersAreReusedAndBounded) {
     char *first = DTString_SFormat("%d-%s", 7, "x");
     EXPECT_EQ(DTString_SFormat("%s", "second"), first);
     EXPECT_STREQ(first, "second");
+    EXPECT_EQ(DTString_SFormat(nullptr), first);
+    EXPECT_STREQ(first, "") << "no format: emptied";
     EXPECT_EQ(strlen(DTString_SFormat("%s", std::string(1500, 'L').c_str())), 999u);
     std::vector<uint8_t> bytes(4000, 0xEE);
     char *dump = DTString_SHFormat(bytes.data(), 3265);

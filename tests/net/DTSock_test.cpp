@@ -40,6 +40,7 @@ std::string Next(int sock) {
 }
 
 // Refused calls send nothing: the receiver's first datagram is the first accepted send.
+// A receive size clamped to 0 with "<= 0" in place of "< 0" is the same size.
 TEST(DTSock, RefusalsBindingAndWaits) {
     int rx = DTSock_UDP_Create("127.0.0.1", 8999);
     ASSERT_GE(rx, 0);

@@ -12,6 +12,14 @@ foreach(kind static shared)
   set_tests_properties(platform_override_${kind} PROPERTIES ENVIRONMENT "${DTKIT_TEST_ENV}")
 endforeach()
 
+# A host with the library's defaults, run by a script that checks its output.
+add_executable(default_host ${_pdir}/default_host.c)
+target_compile_options(default_host PRIVATE -Wall -Wextra -Werror -std=c99)
+target_link_libraries(default_host PRIVATE dtkit_static)
+add_test(NAME platform_default_layer
+  COMMAND sh ${_pdir}/default_host.sh ${CMAKE_CROSSCOMPILING_EMULATOR} $<TARGET_FILE:default_host>)
+set_tests_properties(platform_default_layer PROPERTIES ENVIRONMENT "${DTKIT_TEST_ENV}")
+
 add_test(NAME platform_no_allocation
   COMMAND sh ${_pdir}/check_no_alloc.sh ${CMAKE_NM} $<TARGET_OBJECTS:dtkit_obj>
   COMMAND_EXPAND_LISTS)

@@ -100,6 +100,21 @@ TEST(DTInfo, RefusedWritesLeaveStoreUnchanged) {
     DTInfo_Release(info);
 }
 
+// A full ring whose oldest record ends exactly at the area's end still erases it.
+// The one-record erase is a shortcut of the general loop: a fault that only makes it
+// decline more often (its limit test inverted, its room test made strict) changes nothing.
+TEST(DTInfo, RingErasesARecordEndingAtTheAreaEnd) {
+    DTInfo *info = DTInfo_New(1024);
+    const std::string d(98, 'd');  // 102-byte records
+    testing::internal::CaptureStdout();
+    for (int i = 0; i < 10; ++i) DTInfo_Append(info, "k", 1, d.data(), 98);
+    ASSERT_EQ(4, DTInfo_Append(info, "z", 1, "", 0));
+    ASSERT_EQ(1024u, info->freeAddr);
+    for (int i = 0; i < 12; ++i) EXPECT_EQ(102, DTInfo_Append(info, "k", 1, d.data(), 98)) << i;
+    testing::internal::GetCapturedStdout();
+    DTInfo_Release(info);
+}
+
 TEST(DTInfoPack, AddInfoLayoutFollowsFlag) {
     struct Case { uint32_t id; bool flagOn; const char *format; uint32_t dataLen; } cases[] = {
         {12, false, "*TBhI4S2S0S", 17}, {12, true, "*TBhI4S2S6S", 23},
@@ -120,6 +135,15 @@ TEST(DTInfoPack, AddInfoLayoutFollowsFlag) {
         EXPECT_EQ(0, DTInfo_GetPack(info, &cursor, format, &data));
         DTInfo_Release(info);
     }
+}
+
+// The data length field has 16 bits: a record of 0xFFFF data bytes is the largest stored.
+TEST(DTInfoPack, AddInfoLargestRecord) {
+    DTInfo *info = DTInfo_New(0);
+    const std::string big(0xFFFF, 'b');
+    for (uint32_t len1 : {0xFFFFu - 11, 0xFFFFu - 10}) DTInfo_AddInfo(info, 1, 12, big.data(), len1, "", 0, "", 0, 0);
+    EXPECT_EQ(info->freeAddr, 3 + strlen("TBhI65524S0S0S") + 0xFFFF);
+    DTInfo_Release(info);
 }
 
 TEST(DTInfoPack, ShowInfoFiltersSkipsAndLimits) {

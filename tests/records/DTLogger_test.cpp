@@ -107,6 +107,7 @@ TEST(DTLogger, HeaderStackAndFieldsAreBounded) {
     DTLogger_Append(nullptr, 0, 0, "x");
     EXPECT_TRUE(dttest::Console().empty());
     for (int i = 0; i <= 100; ++i) DTLogger_Header(logger, std::to_string(i).c_str());
+    DTLogger_Header(logger, nullptr);
     EXPECT_EQ(99, logger->headerTop);
     EXPECT_STREQ("100", logger->headers[99]);
     DTLogger_Tail(logger);

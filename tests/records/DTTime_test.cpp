@@ -20,6 +20,8 @@ std::string Fmt(const char *pattern, int32_t t) {
     return buf;
 }
 
+// A token's width is 2 for upper case: deciding that with "> 'A'" in place of ">= 'A'"
+// changes nothing, as no token starts with 'A'.
 TEST(DTTime, FormatTokens) {
     setenv("TZ", "UTC", 1);
     tzset();
@@ -34,6 +36,9 @@ TEST(DTTime, FormatTokens) {
         {"SSMISS", -1, "595959"},
     };
     for (auto &c : cases) EXPECT_EQ(c.want, Fmt(c.pattern, c.t)) << c.pattern;
+    char buf[4] = "xyz";
+    EXPECT_EQ(DTTime_Format(buf, nullptr, t2026), buf);
+    EXPECT_EQ(buf[0], '\0');
     int32_t before = DTTime_Now();
     std::string now = Fmt("YYYYMMDDHHMISS", 0);
     EXPECT_TRUE(now == Fmt("YYYYMMDDHHMISS", before) || now == Fmt("YYYYMMDDHHMISS", DTTime_Now())) << now;

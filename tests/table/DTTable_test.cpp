@@ -91,6 +91,9 @@ TEST(DTTable, ClearLinesClearAndReleaseGiveMemoryBack) {
               "------------\ntotal count = 3\n------------\n", ToBuf(t));
     DTTable_Clear(t);  // the caption stays
     EXPECT_EQ("\nMemory\n\n\n\n\ntotal count = 0\n\n", ToBuf(t));
+    char buf[16];
+    ASSERT_EQ(DTTable_ShowToBuffer(t, buf, sizeof buf), 11);  // no columns is no width, not a hole
+    EXPECT_EQ(std::string(buf, 11), "\nMemory\n\n\n\n");
     DTTable_SetCaption(t, nullptr);
     EXPECT_EQ("\n\n\ntotal count = 0\n\n", ToBuf(t));
     DTTable_Release(t);
@@ -129,6 +132,12 @@ TEST(DTTable, SumTotalsInTheColumnsKind) {
         EXPECT_EQ(c.width, Col(t, 0)->width) << c.sumText;
         DTTable_Release(t);
     }
+    DTTable *t = Example();
+    DTTable_Sum(t);
+    DTTable_SetTitle(t, 1, "size", DTTABLE_KIND_STRING, "%s", 'R');
+    DTTable_Sum(t);
+    EXPECT_STREQ("", Col(t, 1)->sumText) << "a column made text has no total";
+    DTTable_Release(t);
 }
 
 TEST(DTTableRender, ExampleIntoByteBufferAndOnConsole) {
