@@ -13,3 +13,4 @@ add_dependencies(test_dtconfigd_test dtconfigd)
 string(REPLACE ";" " " _dtconfigd_emulator "${CMAKE_CROSSCOMPILING_EMULATOR}")
 target_compile_definitions(test_dtconfigd_test PRIVATE
   DTCONFIGD_COMMAND="${_dtconfigd_emulator} $<TARGET_FILE:dtconfigd>")
+include(${CMAKE_CURRENT_LIST_DIR}/workbench.cmake)
