@@ -9,3 +9,7 @@ if(TARGET test_wireshark_test)
     DTCOLLECT_COMMAND="${_ws_emulator} $<TARGET_FILE:dtcollect>"
     DTCONFIGD_COMMAND="${_ws_emulator} $<TARGET_FILE:dtconfigd>")
 endif()
+if(TARGET test_dtconfigd_version_test)
+  target_link_libraries(test_dtconfigd_version_test PRIVATE dtconfigd_core)
+  target_compile_definitions(test_dtconfigd_version_test PRIVATE DTKIT_VERSION="${PROJECT_VERSION}")
+endif()
