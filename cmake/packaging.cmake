@@ -17,26 +17,21 @@ if(TARGET dtkit_exporter)
   list(APPEND DTKIT_UNITS dtkit_exporter.service)
 endif()
 
-# Service files belong in the system's folders only when installing into
-# /usr, which is what the packages do; an install elsewhere (/opt/dtkit, a
-# staging tree) gets them as examples under share/dtkit instead of touching
-# the machine's /etc and /lib.
-if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
-  set(_unit_dir /lib/systemd/system)
-  set(_default_dir /etc/default)
-  set(_conf_dir /etc/dtkit)
-else()
-  set(_unit_dir ${CMAKE_INSTALL_DATADIR}/dtkit/systemd)
-  set(_default_dir ${CMAKE_INSTALL_DATADIR}/dtkit/default)
-  set(_conf_dir ${CMAKE_INSTALL_DATADIR}/dtkit/conf)
-endif()
-install(FILES ${_pkg}/dtconfigd.service DESTINATION ${_unit_dir} COMPONENT tools)
-install(FILES ${_pkg}/dtconfigd.default DESTINATION ${_default_dir} RENAME dtconfigd COMPONENT tools)
-install(FILES ${_pkg}/dtconfigd.conf DESTINATION ${_conf_dir} COMPONENT tools)
+# The service files belong in the system's own folders, which an install
+# into some prefix (/opt/dtkit, a staging tree) must never touch: they are a
+# component of their own that only a component install (the packages) puts
+# in place, packaged with the tools.
+set(_unit_dir /lib/systemd/system)
+set(_default_dir /etc/default)
+set(_conf_dir /etc/dtkit)
+set(_svc EXCLUDE_FROM_ALL COMPONENT service)
+install(FILES ${_pkg}/dtconfigd.service DESTINATION ${_unit_dir} ${_svc})
+install(FILES ${_pkg}/dtconfigd.default DESTINATION ${_default_dir} RENAME dtconfigd ${_svc})
+install(FILES ${_pkg}/dtconfigd.conf DESTINATION ${_conf_dir} ${_svc})
 set(_conffiles "${_default_dir}/dtconfigd\n${_conf_dir}/dtconfigd.conf\n")
 if(TARGET dtkit_exporter)
-  install(FILES ${_pkg}/dtkit_exporter.service DESTINATION ${_unit_dir} COMPONENT tools)
-  install(FILES ${_pkg}/dtkit_exporter.default DESTINATION ${_default_dir} RENAME dtkit_exporter COMPONENT tools)
+  install(FILES ${_pkg}/dtkit_exporter.service DESTINATION ${_unit_dir} ${_svc})
+  install(FILES ${_pkg}/dtkit_exporter.default DESTINATION ${_default_dir} RENAME dtkit_exporter ${_svc})
   string(APPEND _conffiles "${_default_dir}/dtkit_exporter\n")
 endif()
 
@@ -76,7 +71,12 @@ set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
 set(CPACK_STRIP_FILES ON)
 set(CPACK_GENERATOR DEB)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
-set(CPACK_COMPONENTS_ALL lib dev tools)
+set(CPACK_COMPONENTS_ALL lib dev tools service)
+# One package per group; the service files go with the tools.
+set(CPACK_COMPONENT_LIB_GROUP lib)
+set(CPACK_COMPONENT_DEV_GROUP dev)
+set(CPACK_COMPONENT_TOOLS_GROUP tools)
+set(CPACK_COMPONENT_SERVICE_GROUP tools)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_RELEASE ${DTKIT_DEB_RELEASE})
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
@@ -90,7 +90,7 @@ set(CPACK_DEBIAN_LIB_PACKAGE_NAME libdtkit0)
 set(CPACK_DEBIAN_LIB_PACKAGE_SECTION libs)
 # CPack formats the extended description itself: a space before each line, a
 # lone dot for each empty one.
-set(CPACK_COMPONENT_LIB_DESCRIPTION "diagnostics library for embedded Linux service processes
+set(CPACK_DEBIAN_LIB_DESCRIPTION "diagnostics library for embedded Linux service processes
 dtkit gives a service process accounted memory, a fault registry saved to a
 fault file, ring-buffer logs, text tables, timers, a configuration query
 and a data-collection agent that streams the host's diagnostics to a
@@ -104,7 +104,7 @@ set(CPACK_DEBIAN_LIB_PACKAGE_CONTROL_EXTRA ${_gen}/lib/triggers)
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME libdtkit-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libdtkit0 (= ${DTKIT_DEB_VERSION})")
-set(CPACK_COMPONENT_DEV_DESCRIPTION "diagnostics library for embedded Linux service processes (development)
+set(CPACK_DEBIAN_DEV_DESCRIPTION "diagnostics library for embedded Linux service processes (development)
 dtkit gives a service process accounted memory, a fault registry, logs,
 tables, timers, a configuration query and a data-collection agent.
 
@@ -113,7 +113,7 @@ pkg-config module and the dtkit(3) manual page.")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME dtkit-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION admin)
-set(CPACK_COMPONENT_TOOLS_DESCRIPTION "servers and decoders for devices that run dtkit
+set(CPACK_DEBIAN_TOOLS_DESCRIPTION "servers and decoders for devices that run dtkit
 The programs an operations machine needs for devices that use the dtkit
 diagnostics library: dtcollect fetches their diagnostics, dtfcm decodes
 their fault files, dtconfigd answers their configuration queries, and
