@@ -100,27 +100,22 @@ struct Capture {
     }
     // dumpcap writes its last packets out on SIGINT.
     void Stop() { child.Stop(SIGINT); }
-    // tshark's -T fields over the capture, one line a frame that has `filter`.
-    std::vector<std::vector<std::string>> Fields(const std::string &filter, const std::vector<std::string> &fields) {
+    // One tshark run over the capture: every occurrence of each field, in
+    // frame order. A field whose only value in a frame is empty is not told
+    // apart from one that is absent there.
+    std::map<std::string, std::vector<std::string>> Decode(const std::vector<std::string> &fields,
+                                                           const std::string &filter = "") {
         std::string cmd = "tshark -r " + file + " -X lua_script:" DTKIT_LUA " -Y '" + filter +
                           "' -T fields -E occurrence=a -E aggregator='|'";
         for (const std::string &f : fields) cmd += " -e " + f;
-        std::vector<std::vector<std::string>> rows;
+        std::map<std::string, std::vector<std::string>> all;
         std::istringstream lines(Output(cmd + " 2>/dev/null"));
         for (std::string line; std::getline(lines, line);) {
-            std::vector<std::string> row;
-            std::istringstream cells(line);
-            for (std::string cell; std::getline(cells, cell, '\t');) row.push_back(cell);
-            row.resize(fields.size());
-            rows.push_back(row);
+            std::vector<std::string> cells = Split(line, '\t');
+            for (size_t i = 0; i < fields.size() && i < cells.size(); ++i)
+                if (!cells[i].empty())
+                    for (const std::string &v : Split(cells[i], '|')) all[fields[i]].push_back(v);
         }
-        return rows;
-    }
-    // Every occurrence of one field over the whole capture, in frame order.
-    std::vector<std::string> All(const std::string &field) {
-        std::vector<std::string> all;
-        for (const auto &row : Fields(field, {field}))
-            for (const std::string &p : Split(row[0], '|')) all.push_back(p);
         return all;
     }
     ~Capture() { unlink(file.c_str()); }
@@ -192,87 +187,63 @@ TEST(WiresharkDissector, ShowsWhatTheHostPutAndTheToolsPrinted) {
     cap.Stop();
     daemon.Stop(SIGTERM);
 
-    auto req = cap.Fields("dtkit.request.type", {"dtkit.request.length", "dtkit.request.type",
-                                                 "dtkit.request.sequence", "dtkit.request.tcp_port"});
-    ASSERT_EQ(req.size(), 1u);
-    EXPECT_EQ(req[0][0], "16");
-    EXPECT_EQ(req[0][1], "0");
-    EXPECT_EQ(req[0][2], "77");
-    auto ident = cap.Fields("dtkit.type == 0", {"dtkit.identity.id1", "dtkit.identity.id2", "dtkit.sequence",
-                                                "tcp.dstport"});
-    ASSERT_EQ(ident.size(), 1u);
-    EXPECT_EQ(ident[0][0], "0x01");
-    EXPECT_EQ(ident[0][1], "0x02");
-    EXPECT_EQ(ident[0][2], "77");
-    EXPECT_EQ(ident[0][3], req[0][3]) << "the stream goes to the port the request named";
-    EXPECT_EQ(cap.All("dtkit.entry.name"), (std::vector<std::string>{"numbers", "texts"}));
-    EXPECT_EQ(cap.All("dtkit.entry.index"), (std::vector<std::string>{"0", "1"}));
-
-    // Records: one kind a piece, in stream order; the long values are split.
-    std::vector<std::string> kinds = cap.All("dtkit.record.kind");
-    ASSERT_GE(kinds.size(), 8u);
+    using V = std::vector<std::string>;
+    const std::pair<std::string, V> want[] = {
+        {"dtkit.request.length", {"16"}},
+        {"dtkit.request.type", {"0"}},
+        {"dtkit.request.sequence", {"77"}},
+        {"dtkit.identity.id1", {"0x01"}},
+        {"dtkit.identity.id2", {"0x02"}},
+        {"dtkit.entry.index", {"0", "1"}},
+        {"dtkit.entry.name", {"numbers", "texts"}},
+        {"dtkit.record.int", {"3735928559"}},
+        {"dtkit.record.long", {"72623859790382856"}},
+        {"dtkit.value.string", {"short one", kLong}},
+        {"dtkit.value.buffer", {Hex(kBlob)}},
+        {"dtkit.value.length", {"9", "3000", "2500", "0"}},
+        {"dtkit.value.pieces", {"1", "3", "3", "1"}},
+        {"dtkitcfg.section", {"net", "net", "net"}},
+        {"dtkitcfg.key", {"mtu", "name", "speed"}},
+        {"dtkitcfg.default", {"1500", "none", "100"}},
+        {"dtkitcfg.reply", {"9000", "lab one", "100"}},
+    };
+    V fields = {"dtkit.sequence", "dtkit.record.kind", "dtkit.record.block", "dtkit.record.section_name",
+                "dtkit.piece.first_frame", "frame.number"};
+    for (const auto &w : want) fields.push_back(w.first);
+    auto got = cap.Decode(fields);
+    for (const auto &w : want) EXPECT_EQ(got[w.first], w.second) << w.first;
+    ASSERT_FALSE(got["dtkit.sequence"].empty());
+    EXPECT_EQ(got["dtkit.sequence"][0], "77") << "the identity message carries the request's sequence";
+    // Records in stream order: int, long, then pieces, the last an empty string.
+    const V &kinds = got["dtkit.record.kind"];
+    ASSERT_EQ(kinds.size(), 10u);
     EXPECT_EQ(kinds[0], "0x81");
     EXPECT_EQ(kinds[1], "0x82");
-    EXPECT_EQ(kinds[2], "0x83");
-    EXPECT_EQ(kinds.back(), "0x83");
-    EXPECT_EQ(cap.All("dtkit.record.int"), (std::vector<std::string>{"3735928559"}));
-    EXPECT_EQ(cap.All("dtkit.record.long"), (std::vector<std::string>{"72623859790382856"}));
-    std::vector<std::string> blocks = cap.All("dtkit.record.block");
-    ASSERT_EQ(blocks.size(), kinds.size());
-    EXPECT_EQ(blocks[0], "7");
-    EXPECT_EQ(blocks[1], "7");
-    EXPECT_EQ(blocks[2], "0");
-    std::vector<std::string> strings = cap.All("dtkit.value.string");
-    ASSERT_EQ(strings.size(), 3u);
-    EXPECT_EQ(strings[0], "short one");
-    EXPECT_EQ(strings[1], kLong);
-    EXPECT_EQ(strings[2], "");
-    std::vector<std::string> buffers = cap.All("dtkit.value.buffer");
-    ASSERT_EQ(buffers.size(), 1u);
-    std::string colonless;
-    for (char c : buffers[0])
-        if (c != ':') colonless += c;
-    EXPECT_EQ(colonless, Hex(kBlob));
-    // Each joined value: how many pieces, and the frame where its first one is.
-    auto joined = cap.Fields("dtkit.value.length", {"dtkit.value.length", "dtkit.value.pieces"});
-    std::vector<std::string> lengths, pieces;
-    for (const auto &row : joined) {
-        for (const std::string &v : Split(row[0], '|')) lengths.push_back(v);
-        for (const std::string &v : Split(row[1], '|')) pieces.push_back(v);
-    }
-    EXPECT_EQ(lengths, (std::vector<std::string>{"9", "3000", "2500", "0"}));
-    ASSERT_EQ(pieces.size(), 4u);
-    EXPECT_EQ(pieces[0], "1");
-    EXPECT_EQ(pieces[1], "3");
-    EXPECT_EQ(pieces[2], "3");
-    EXPECT_EQ(pieces[3], "1");
-    std::vector<std::string> sections = cap.All("dtkit.record.section_name");
-    ASSERT_EQ(sections.size(), kinds.size());
-    EXPECT_EQ(sections[0], "numbers");
-    EXPECT_EQ(sections.back(), "texts");
-    EXPECT_EQ(cap.Fields(kOurExperts, {"frame.number"}).size(), 0u) << "a clean collection has no expert entries";
+    EXPECT_EQ(kinds[3], "0x03");
+    EXPECT_EQ(kinds[5], "0x83");
+    EXPECT_EQ(kinds[6], "0x04");
+    EXPECT_EQ(kinds[8], "0x84");
+    EXPECT_EQ(kinds[9], "0x83");
+    EXPECT_EQ(got["dtkit.record.block"], V({"7", "7", "0", "0", "0", "0", "0", "0", "0", "0"}));
+    EXPECT_EQ(got["dtkit.record.section_name"],
+              V({"numbers", "numbers", "texts", "texts", "texts", "texts", "texts", "texts", "texts", "texts"}));
+    // The three pieces of the long string all point at the frame of the first.
+    const V &first = got["dtkit.piece.first_frame"];
+    ASSERT_EQ(first.size(), 8u);
+    EXPECT_EQ(first[2], first[1]);
+    EXPECT_EQ(first[3], first[1]);
+    EXPECT_NE(first[4], first[3]) << "the buffer is a value of its own";
+    EXPECT_EQ(cap.Decode({"frame.number"}, kOurExperts).count("frame.number"), 0u)
+        << "a clean collection has no expert entries";
 
-    // What dtcollect printed: the same values.
+    // What dtcollect printed: the same values. A long may print as a JSON
+    // number or as a string of its digits.
     EXPECT_NE(json.find("\"code\":1,\"kind\":\"int\",\"value\":3735928559}"), npos) << json;
-    // A long may print as a JSON number or as a string of its digits.
-    const std::string longKey = "\"kind\":\"long\",\"value\":";
-    size_t at = json.find(longKey);
+    EXPECT_NE(json.find("\"kind\":\"string\",\"value\":\"" + kLong + "\"}"), npos);
+    EXPECT_NE(json.find("\"kind\":\"buffer\",\"value\":\"" + Hex(kBlob) + "\"}"), npos);
+    size_t at = json.find("\"kind\":\"long\",\"value\":");
     ASSERT_NE(at, npos) << json;
-    at += longKey.size() + (json[at + longKey.size()] == '"' ? 1 : 0);
-    EXPECT_EQ(json.substr(at, 18), "72623859790382856" + std::string(json[at - 1] == '"' ? "\"" : "}")) << json;
-    EXPECT_NE(json.find("\"kind\":\"string\",\"value\":\"" + strings[1] + "\"}"), npos);
-    EXPECT_NE(json.find("\"kind\":\"buffer\",\"value\":\"" + colonless + "\"}"), npos);
-
-    // Configuration: three queries, each answered as dtconfigd logged.
-    auto queries = cap.Fields("dtkitcfg.query", {"dtkitcfg.section", "dtkitcfg.key", "dtkitcfg.default", "ip.dst"});
-    ASSERT_EQ(queries.size(), 3u);
-    EXPECT_EQ(queries[0][1], "mtu");
-    EXPECT_EQ(queries[0][2], "1500");
-    EXPECT_EQ(queries[0][3], "255.255.255.255");
-    EXPECT_EQ(queries[2][0], "net");
-    EXPECT_EQ(queries[2][1], "speed");
-    EXPECT_EQ(queries[2][3], "10.99.0.2");
-    EXPECT_EQ(cap.All("dtkitcfg.reply"), (std::vector<std::string>{"9000", "lab one", "100"}));
+    EXPECT_EQ(json.substr(at + 22, 19).find("72623859790382856"), json[at + 22] == '"' ? 1u : 0u) << json;
     EXPECT_NE(ReadAll(dlog).find("[net] speed -> \"100\" (default)"), npos) << ReadAll(dlog);
     unlink(conf.c_str());
     unlink(dlog.c_str());
@@ -343,7 +314,8 @@ TEST(WiresharkDissector, MalformedMessagesGetExpertEntries) {
     close(l2);
 
     std::string experts;
-    for (const std::string &m : cap.All("_ws.expert.message")) experts += m + "\n";
+    auto got = cap.Decode({"_ws.expert.message", "dtkit.record.int"});
+    for (const std::string &m : got["_ws.expert.message"]) experts += m + "\n";
     const char *want[] = {
         "length word 15 differs from the 16 bytes read",
         "type 4 is above 3",
@@ -356,7 +328,7 @@ TEST(WiresharkDissector, MalformedMessagesGetExpertEntries) {
     for (const char *w : want) EXPECT_NE(experts.find(w), npos) << w << " in\n" << experts;
     EXPECT_EQ(experts.find("cannot decode"), npos) << experts;
     // Both streams decode their good records: the heuristic found the second.
-    EXPECT_EQ(cap.All("dtkit.record.int"), (std::vector<std::string>{"42", "42"}));
+    EXPECT_EQ(got["dtkit.record.int"], (std::vector<std::string>{"42", "42"}));
 }
 
 }  // namespace
