@@ -81,7 +81,7 @@ struct Child {
 };
 
 // dumpcap on every interface of the namespace it is started in, bounded to a
-// minute; Ready once its file has been opened and the capture runs.
+// minute; Start returns once its file has been opened and the capture runs.
 struct Capture {
     std::string file = "/tmp/dtkit-ws-" + std::to_string(getpid()) + ".pcapng";
     Child child;
@@ -300,7 +300,8 @@ TEST(WiresharkDissector, MalformedMessagesGetExpertEntries) {
     const std::string record = std::string("\x81", 1) + Be(0, 4) + Be(0, 4) + Be(1, 4) + Be(42, 4);
     SendStream(named, kIdentity + Msg(1, Be(0, 4) + Be(9, 2) + "ab") + Msg(2, record + "\x05" + std::string(12, '\0')) +
                           Msg(2, "", 5) + Msg(2, ""));
-    SendStream(found, kIdentity + Msg(2, record) + Msg(7, ""));
+    const std::string piece = std::string("\x03", 1) + Be(0, 4) + Be(0, 4) + Be(2, 4) + Be(1, 2) + "a";
+    SendStream(found, kIdentity + Msg(2, record) + Msg(2, piece + record) + Msg(7, ""));
     int s = socket(AF_INET, SOCK_DGRAM, 0);
     sockaddr_in a{};
     a.sin_family = AF_INET;
@@ -323,12 +324,13 @@ TEST(WiresharkDissector, MalformedMessagesGetExpertEntries) {
         "unknown record kind 0x05",
         "message length 5 is outside 12 to 1036",
         "unknown message type 7",
+        "this int record interrupts the string value begun in frame",
         "query lacks the section, key or default",
     };
     for (const char *w : want) EXPECT_NE(experts.find(w), npos) << w << " in\n" << experts;
     EXPECT_EQ(experts.find("cannot decode"), npos) << experts;
     // Both streams decode their good records: the heuristic found the second.
-    EXPECT_EQ(got["dtkit.record.int"], (std::vector<std::string>{"42", "42"}));
+    EXPECT_EQ(got["dtkit.record.int"], (std::vector<std::string>{"42", "42", "42"}));
 }
 
 }  // namespace
