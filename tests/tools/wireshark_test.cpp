@@ -177,7 +177,8 @@ TEST(WiresharkDissector, ShowsWhatTheHostPutAndTheToolsPrinted) {
     g_texts = Collect_New("texts", PutTexts, nullptr);
     ASSERT_TRUE(ct::StartAgent(0x01020000)) << "UDP 9099 is taken";
     std::string json = Output(srv + " " DTCOLLECT_COMMAND " --json --sequence 77 10.99.0.1");
-    for (int i = 0; i < 100 && ReadAll(dlog).find("serving") == npos; ++i) usleep(50 * 1000);
+    // The server is slow to start under the emulator: 20 s at most.
+    for (int i = 0; i < 400 && ReadAll(dlog).find("serving") == npos; ++i) usleep(50 * 1000);
     EXPECT_EQ(DTConfig_GetInt("net", "mtu", 1500), 9000);
     char name[1000];
     DTConfig_GetString("net", "name", "none", name);
