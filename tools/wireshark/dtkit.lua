@@ -320,10 +320,11 @@ local function dissect_identity(tvb, tree, at, stop)
 end
 
 local function dissect_list(tvb, pinfo, tree, at, stop, s)
+    local body = at
     while at < stop do
         if stop - at < 6 then
             tree:add_proto_expert_info(e.bad_payload, string.format(
-                "section list entry at payload byte %d is cut: %d bytes left, 6 needed for its head", at, stop - at))
+                "section list entry at payload byte %d is cut: %d bytes left, 6 needed for its head", at - body, stop - at))
             return
         end
         local index = tvb(at, 4):uint()
@@ -365,9 +366,6 @@ local function dissect_message(tvb, pinfo, tree, at, length, s, skey)
     elseif mtype == 1 then
         dissect_list(tvb, pinfo, t, body, stop, s)
     elseif mtype == 2 then
-        if pinfo.visited == false and body == stop and s.pending == nil then
-            -- an empty data message closes a section (or the collection)
-        end
         local n = 0
         while body < stop do
             local size, why = dissect_record(tvb, pinfo, t, body, stop, s, skey .. ":" .. n)
@@ -437,8 +435,11 @@ local function guarded(fn, expert_field, proto)
     return function(tvb, pinfo, tree)
         local ok, res = pcall(fn, tvb, pinfo, tree)
         if ok then return res end
-        local t = tree:add(proto, tvb())
-        t:add_proto_expert_info(expert_field, "cannot decode: " .. tostring(res))
+        local why = "cannot decode: " .. tostring(res)
+        -- Even the report must not raise: fall back to the bare tree.
+        if not pcall(function() tree:add(proto, tvb()):add_proto_expert_info(expert_field, why) end) then
+            pcall(function() tree:add_proto_expert_info(expert_field, why) end)
+        end
         return tvb:len()
     end
 end
