@@ -6,9 +6,10 @@
 # once more under ThreadSanitizer (leg tsan). Then two more legs: the
 # native tests with coverage, held to its floors (scripts/coverage.sh), and
 # every fuzz target for a few seconds (scripts/fuzz.sh; DTKIT_FUZZ_SECONDS,
-# default 3).
+# default 3). Last the package leg (scripts/package.sh): the Debian packages,
+# lintian, and as root their installation, use and removal on this machine.
 #   scripts/test.sh                 every leg, as CI does
-#   scripts/test.sh --leg native    one leg: native, asan, ppc, tsan, coverage or fuzz
+#   scripts/test.sh --leg native    one leg: native, asan, ppc, tsan, coverage, fuzz or package
 # Installs missing packages when run as root; otherwise names them and stops.
 # The fault file is the board's /fcm.log when "/" is writable, else a file in
 # each leg's build directory.
@@ -17,14 +18,14 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 out=${DTKIT_BUILD_ROOT:-$root/build-ci}
 jobs=${DTKIT_JOBS:-2}
 
-usage() { echo "usage: $0 [--leg native|asan|ppc|tsan|coverage|fuzz]"; }
-legs=(native asan ppc tsan coverage fuzz)
+usage() { echo "usage: $0 [--leg native|asan|ppc|tsan|coverage|fuzz|package]"; }
+legs=(native asan ppc tsan coverage fuzz package)
 while [ $# -gt 0 ]; do
   case $1 in
     --leg)
       [ $# -ge 2 ] || { echo "test.sh: --leg needs a leg name" >&2; usage >&2; exit 2; }
       case $2 in
-        native|asan|ppc|tsan|coverage|fuzz) legs=("$2") ;;
+        native|asan|ppc|tsan|coverage|fuzz|package) legs=("$2") ;;
         *) echo "test.sh: unknown leg '$2'" >&2; usage >&2; exit 2 ;;
       esac
       shift 2 ;;
@@ -46,6 +47,10 @@ have_ip || need+=(iproute2)
 # dtkit_exporter's HTTP library, and the real Prometheus and promtool its tests run.
 [ -f /usr/include/httplib.h ] || need+=(libcpp-httplib-dev)
 command -v prometheus >/dev/null || need+=(prometheus)
+# Manual pages (built and rendered by the tests) and the dissector's tests.
+command -v scdoc >/dev/null || need+=(scdoc)
+command -v groff >/dev/null || need+=(groff-base)
+command -v tshark >/dev/null || need+=(tshark)
 if wants ppc; then
   command -v powerpc-linux-gnu-g++ >/dev/null || need+=(g++-powerpc-linux-gnu)
   command -v qemu-ppc >/dev/null || need+=(qemu-user)
@@ -146,6 +151,10 @@ if wants coverage; then
 fi
 if wants fuzz; then
   script_leg fuzz "$root/scripts/fuzz.sh" "${DTKIT_FUZZ_SECONDS:-3}"
+fi
+# Installs packages on this machine and removes them: alone, and last.
+if wants package; then
+  script_leg package "$root/scripts/package.sh"
 fi
 
 echo "dtkit: $total_pass passed, $total_fail failed"

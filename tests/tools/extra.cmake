@@ -30,6 +30,7 @@ if(TARGET dtkit_exporter)
   target_link_libraries(test_dtkit_exporter_test PRIVATE PkgConfig::DTKIT_HTTPLIB)
   target_compile_definitions(test_dtkit_exporter_test PRIVATE DTKIT_EXPORTER_COMMAND="$<TARGET_FILE:dtkit_exporter>")
 endif()
+include(${CMAKE_CURRENT_LIST_DIR}/workbench.cmake)
 # Every test program of this folder, for a build of the tools' tests alone
 # (the ThreadSanitizer leg builds this target and runs ctest -L tools).
 add_custom_target(dtkit_tools_tests)

@@ -18,12 +18,13 @@ namespace dtconfigd {
 namespace {
 
 const char kUsage[] =
-    "usage: dtconfigd [--port 8999] [--bind ADDR] CONFIG-FILE\n"
+    "usage: dtconfigd [--port 8999] [--bind ADDR] CONFIG-FILE | --version\n"
     "Answers the devices' configuration queries (\"=>config SECTION KEY DEFAULT\", UDP)\n"
     "with the value of KEY in [SECTION] of CONFIG-FILE, or with DEFAULT when there is none.\n"
     "  --port P    UDP port to serve (default 8999, where devices ask)\n"
     "  --bind ADDR local IPv4 address to serve on (default 0.0.0.0; a single address\n"
     "              does not see the devices' first query, which is a broadcast)\n"
+    "  --version   print the program's name and version and exit\n"
     "CONFIG-FILE: [section] headings, key = value lines, # comments. SIGHUP reloads it\n"
     "(a malformed file is refused and the old values kept); SIGTERM or SIGINT stops.\n"
     "Every query is logged on standard output with the requester's address.\n"
@@ -172,6 +173,7 @@ bool ParseArgs(const std::vector<std::string> &args, Options &o, bool &help, std
     for (size_t i = 0; i < args.size(); ++i) {
         const std::string &a = args[i];
         if (a == "--help" || a == "-h") return (help = true);
+        if (a == "--version") return (o.version = true);
         if (a == "--port" || a == "--bind") {
             if (i + 1 >= args.size()) return (error = a + " needs a value"), false;
             const std::string &v = args[++i];
@@ -199,6 +201,10 @@ int Main(const std::vector<std::string> &args, std::ostream &out, std::ostream &
     }
     if (help) {
         out << kUsage;
+        return 0;
+    }
+    if (o.version) {
+        out << "dtconfigd (dtkit) " DTKIT_VERSION "\n";
         return 0;
     }
     Config config;

@@ -15,6 +15,8 @@ struct Options {
     // which is a broadcast; the default sees everything.
     std::string bind = "0.0.0.0";
     std::string file;
+    // --version answers at once, as --help does: what follows it is not read.
+    bool version = false;
 };
 
 // Parses the command line (without the program name). false with the reason
