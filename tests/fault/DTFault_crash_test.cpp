@@ -307,6 +307,7 @@ TEST_F(Crash, RefusalsAndTheAlternateStack) {
     stack_t before;
     sigaltstack(nullptr, &before);
     ASSERT_EQ(DTFault_SaveOnCrash(f), 0);
+    EXPECT_EQ(DTFault_SaveOnCrash(f), 0) << "again";
     stack_t after;
     sigaltstack(nullptr, &after);
     EXPECT_EQ(after.ss_flags & SS_DISABLE, 0);
@@ -316,6 +317,12 @@ TEST_F(Crash, RefusalsAndTheAlternateStack) {
         sigaction(kCrashSignals[i], nullptr, &now);
         EXPECT_NE(now.sa_sigaction, was[i].sa_sigaction) << kCrashSignals[i];
     }
+    // Every value operation answers 0, whatever it was given.
+    const uint8_t data[4] = {};
+    const int32_t answers[] = {DTFault_SetRegist64(nullptr, 1, 2), DTFault_SetRegist64(f, 1, 2),
+                               DTFault_SetCounterEx(nullptr, 1, data, 4), DTFault_SetCounterEx(f, 1, data, 4),
+                               DTFault_SetValue(nullptr, 1, data, 4), DTFault_SetValue(f, 1, nullptr, 4)};
+    for (int32_t a : answers) EXPECT_EQ(a, 0);
 }
 
 TEST_F(Crash, DamagedStoreStopsThatStoreOnly) {
