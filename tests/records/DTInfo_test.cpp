@@ -43,10 +43,15 @@ TEST(DTInfo, NewFramingFlagsAndIgnore) {
     DTInfo_Release(info);
 }
 
+// Equal by design, so not cases: a 4-byte copy taken by the 2-byte path (its
+// overlapping moves write the same bytes); a grow step of exactly the largest
+// step chosen either way; "size " copied with its NUL, which the digits overwrite;
+// the size report through fwrite instead of the unlocked path (same bytes).
 TEST(DTInfo, GrowthRuleAndReport) {
     struct Case { uint32_t maxsize, data; std::vector<uint32_t> caps; } cases[] = {
         {8192, 1000, {2048, 4096, 8192}},
         {3072, 1000, {2048, 3072}},
+        {5120, 1000, {2048, 4096, 5120}},  // doubles while the limit is at least twice the area
         {0, 1000, {2048, 4096, 8192, 16384, 32768, 65536, 131072, 262144, 524288, 786432}},
         {0, 4996, {5120}},  // one record: its shortfall 3976 rounded up to 4096
     };

@@ -37,6 +37,7 @@ TEST(DTTime, FormatTokens) {
     };
     for (auto &c : cases) EXPECT_EQ(c.want, Fmt(c.pattern, c.t)) << c.pattern;
     char buf[4] = "xyz";
+    EXPECT_EQ(DTTime_Format(buf, "YY", t2026), buf);
     EXPECT_EQ(DTTime_Format(buf, nullptr, t2026), buf);
     EXPECT_EQ(buf[0], '\0');
     int32_t before = DTTime_Now();

@@ -195,6 +195,7 @@ TEST(DTTableRender, BlanksAndHoles) {
     EXPECT_EQ("", ToBuf(t));
     EXPECT_EQ(0, DTTable_ShowToBuffer(t, buf, sizeof buf));
     EXPECT_EQ(0, DTTable_Show(t));
+    EXPECT_EQ(0, DTTable_Show(nullptr));
     EXPECT_STREQ("ntouched", buf + 1);  // only the print object's initial zero lands
     EXPECT_TRUE(dttest::Console().empty());
     DTTable_Release(t);
