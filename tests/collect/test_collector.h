@@ -8,6 +8,8 @@
 
 #include <chrono>
 #include <cstdint>
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -128,13 +130,29 @@ inline std::vector<Msg> Collect(uint32_t type, uint32_t seq = 0, int closeAfter 
     return Read(lsock, closeAfter, ack, waitMs);
 }
 
-// The agent on a thread of its own, for good: Collect_Init never returns. Its
-// log appears once the request socket is bound, so requests sent after that queue.
-// False when it never gets that far (another process holds the port).
+// Whether a socket of this network namespace holds UDP port 9099 (0x238B) as
+// its local address.
+inline bool Udp9099Held() {
+    std::ifstream table("/proc/net/udp");
+    std::string line;
+    while (std::getline(table, line)) {
+        std::istringstream fields(line);
+        std::string slot, local;
+        fields >> slot >> local;
+        if (local.size() > 5 && local.compare(local.size() - 5, 5, ":238B") == 0) return true;
+    }
+    return false;
+}
+
+// The agent on a thread of its own, for good: Collect_Init never returns. It
+// serves once its request socket holds the port (requests sent after that
+// queue); that is watched from outside, since the agent's state belongs to its
+// thread. False when another socket holds the port already.
 inline bool StartAgent(uint32_t identity) {
+    if (Udp9099Held()) return false;
     std::thread([identity] { Collect_Init(identity); }).detach();
     for (int i = 0; i < 500; i++) {
-        if (*static_cast<DTLogger *volatile *>(&g_collect_param.logger) != nullptr) return true;
+        if (Udp9099Held()) return true;
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     return false;

@@ -188,10 +188,7 @@ TEST(DtcollectProgram, PrintsExactlyWhatTheSectionsPutAndReportsEachFailure) {
     EXPECT_NE(out.find("lowercase hex under \"value_hex\""), npos);
     g_numbers = Collect_New("numbers", PutNumbers, nullptr);
     g_texts = Collect_New("texts", PutTexts, SelfTestTexts);
-    // The agent serves once its request socket holds UDP port 9099 (0x238B); watched
-    // from outside, since its state belongs to its thread.
-    std::thread([] { Collect_Init(0x01020000); }).detach();
-    for (int i = 0; i < 500 && system("grep -q ':238B ' /proc/net/udp") != 0; ++i) usleep(10000);
+    ASSERT_TRUE(ct::StartAgent(0x01020000)) << "UDP 9099 is taken";
     // kOdd is not valid UTF-8: its bytes come as hex.
     const std::string json = Json("numbers", 0, 7, 1, "int", "3735928559") +
                              Json("numbers", 0, 7, 2, "long", "\"72623859790382856\"") +
