@@ -21,7 +21,7 @@ std::string Fmt(const char *pattern, int32_t t) {
 }
 
 // A token's width is 2 for upper case: deciding that with "> 'A'" in place of ">= 'A'"
-// changes nothing, as no token starts with 'A'.
+// changes nothing, as no token starts with 'A'; a null buffer comes back as 0 either way.
 TEST(DTTime, FormatTokens) {
     setenv("TZ", "UTC", 1);
     tzset();

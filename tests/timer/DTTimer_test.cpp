@@ -88,6 +88,8 @@ int32_t Stamp(DTTimer *t) {
     return 1;
 }
 
+// Equal for any test: a pass of 101 ms in place of 100; a pass that also looks one
+// entry past the list's end, where it finds none.
 TEST(DTTimer, LoopRunsTimersInRealTime) {
     ASSERT_EQ(DTTimer_Regist(Stamp, 300), 1);
     ASSERT_EQ(DTTimer_Regist(Stamp, 0), 1);  // once a pass
