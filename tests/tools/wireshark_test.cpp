@@ -140,8 +140,9 @@ const std::string kOurExperts =
 
 CollectSection *g_numbers = nullptr;
 CollectSection *g_texts = nullptr;
-const std::string kLong = Seq(3000, 26, 'a');
-const std::string kBlob = Seq(2500, 256, 0);
+// Never destroyed: the agent's thread may still read them while the process exits.
+const std::string &kLong = *new std::string(Seq(3000, 26, 'a'));
+const std::string &kBlob = *new std::string(Seq(2500, 256, 0));
 void PutNumbers(uint32_t) {
     Collect_BeginSection(g_numbers, 7);
     Collect_PutInt(g_numbers, 1, 0xDEADBEEF);
