@@ -29,7 +29,7 @@ ours() {
     | grep -E '/(lib)?dtkit|dtcollect|dtfcm|dtconfigd' | sort
 }
 for p in "${packages[@]}"; do
-  if dpkg-query -W -f '${Status}' "$p" 2>/dev/null | grep -q installed; then
+  if grep -q installed <<<"$(dpkg-query -W -f '${Status}' "$p" 2>/dev/null)"; then
     echo "install test: $p is already installed; not touching this machine"; exit 1
   fi
 done
@@ -77,7 +77,11 @@ echo "dtkit $(pkg-config --modversion dtkit): $(pkg-config --cflags --libs dtkit
 # shellcheck disable=SC2046
 cc -Wall -Werror -o "$work/host-pc" "$work/host.c" $(pkg-config --cflags --libs dtkit) || fail "pkg-config build"
 check_host pkg-config "$work/host-pc"
-ldd "$work/host-pc" | grep -q -E "libdtkit.so.0 => /(usr/)?lib/x86_64-linux-gnu/libdtkit.so.0" || fail "pkg-config host does not load the installed libdtkit.so.0"
+# Whole outputs are read before matching: under pipefail, grep -q leaving a
+# pipe early makes its writer die of SIGPIPE and the pipeline fail at random.
+deps=$(ldd "$work/host-pc")
+grep -q -E "libdtkit.so.0 => /(usr/)?lib/x86_64-linux-gnu/libdtkit.so.0" <<<"$deps" \
+  || fail "pkg-config host does not load the installed libdtkit.so.0: $(grep libdtkit <<<"$deps")"
 
 echo "== CMake"
 mkdir -p "$work/cm"
@@ -95,7 +99,7 @@ if cmake -S "$work/cm" -B "$work/cm/b" >"$work/cmake.log" 2>&1 && cmake --build 
   grep -- '-- dtkit ' "$work/cmake.log"
   check_host "CMake dtkit::dtkit" "$work/cm/b/host-shared"
   check_host "CMake dtkit::dtkit_static" "$work/cm/b/host-static"
-  ldd "$work/cm/b/host-static" | grep -q libdtkit && fail "static host loads libdtkit"
+  grep -q libdtkit <<<"$(ldd "$work/cm/b/host-static")" && fail "static host loads libdtkit"
 else
   cat "$work/cmake.log"; fail "CMake build"
 fi
@@ -155,7 +159,7 @@ if ! diff "$work/before" "$work/after" >"$work/diff"; then
   cat "$work/diff"; fail "left behind after dpkg --purge"
 fi
 for p in "${packages[@]}"; do
-  dpkg-query -W -f '${Status}' "$p" 2>/dev/null | grep -q installed && fail "$p still installed"
+  grep -q installed <<<"$(dpkg-query -W -f '${Status}' "$p" 2>/dev/null)" && fail "$p still installed"
 done
 echo "after dpkg --purge: nothing left"
 
