@@ -45,6 +45,7 @@ TEST(DTBuf, GrowsByStepZeroFilledGetSetClear) {
     EXPECT_EQ(1, DTBuf_Set(buf, 2, &nine, 1));  // offsets count elements, not bytes
     EXPECT_EQ(2, DTBuf_Get(buf, 2, &p));
     EXPECT_EQ(0, memcmp(p, &nine, 4));
+    EXPECT_EQ(1, DTBuf_Append(buf, words, 1));  // a grown copy keeps whole elements
     EXPECT_EQ(0, memcmp(Contents(buf, 8).data(), words, 8));
     DTBuf_Release(buf);
     EXPECT_EQ(nullptr, DTBuf_New(0, 4, 4));

@@ -3,20 +3,17 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <string>
 
 #include "dttest.h"
 
-namespace {
-
-std::string Counting(size_t n, uint8_t from = 0) {
+static std::string Counting(size_t n) {
     std::string s(n, '\0');
-    for (size_t i = 0; i < n; ++i) s[i] = static_cast<char>(from + i);
+    for (size_t i = 0; i < n; ++i) s[i] = static_cast<char>(i);
     return s;
 }
 
 // The state words as hex text, then the sum.
-std::string Digest(const std::string &in) {
+static std::string Digest(const std::string &in) {
     DTMD5 c;
     DTMD5_Init(&c);
     DTMD5_Encode(c.state, in.data(), static_cast<uint32_t>(in.size()));
@@ -48,5 +45,3 @@ TEST(DTMD5, NullInputsAndZeroBuckets) {
     EXPECT_EQ(DTMD5_Hash("abcd", 4, 0), 0u);  // no division by zero
     EXPECT_EQ(dttest::MallocCalls(), 0u);
 }
-
-}  // namespace

@@ -6,8 +6,6 @@
 #include "dttest.h"
 #include "foundation/DTMem.h"
 
-namespace {
-
 TEST(DTSet, Refusals) {
     EXPECT_EQ(DTSet_New(0), nullptr);
     EXPECT_EQ(DTSet_Get(nullptr, 0), 0);
@@ -50,5 +48,3 @@ TEST(DTSet, LargestSize) {
     EXPECT_EQ(DTSet_Get(s, 0xFFFFFFFEu), 1);
     DTSet_Release(s);
 }
-
-}  // namespace

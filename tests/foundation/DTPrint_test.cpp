@@ -1,13 +1,8 @@
 #include <gtest/gtest.h>
 
-#include <string>
-#include <vector>
-
 #include "dttest.h"
 #include "foundation/DTPrint.h"
 #include "foundation/DTPrint_internal.h"
-
-namespace {
 
 using Calls = std::vector<std::string>;
 
@@ -84,5 +79,3 @@ TEST(DTPrint, UnusableBuffersAreRefused) {
     DTPrint_SetPrint(nullptr, 1);
     DTPrint_Release(nullptr);
 }
-
-}  // namespace

@@ -7,8 +7,6 @@
 
 #include "foundation/DTString.h"
 
-namespace {
-
 TEST(DTString, HexDumpBreaksAfterEvery16thByteWithASuccessor) {
     uint8_t bytes[40];
     for (int i = 0; i < 40; ++i) bytes[i] = static_cast<uint8_t>(i);
@@ -68,5 +66,3 @@ TEST(DTString, SplitInPlace) {
     DTString_Trim(str, 1);
     EXPECT_STREQ(str, "a,b");
 }
-
-}  // namespace

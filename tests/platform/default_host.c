@@ -1,7 +1,7 @@
-/* A C host that keeps the library's default platform layer. A delay waits
- * its milliseconds, and console text is out at once: the host ends without
- * flushing anything, as a crashing process would. A delay off by a millisecond
- * (the split into seconds at 1001) is within what a clock here can tell. */
+// A C host that keeps the library's default platform layer. A delay waits
+// its milliseconds, and console text is out at once: the host ends without
+// flushing anything, as a crashing process would. A delay off by a millisecond
+// (the split into seconds at 1001) is within what a clock here can tell.
 #define _POSIX_C_SOURCE 200112L
 #include <stdio.h>
 #include <time.h>

@@ -63,28 +63,19 @@ std::string NetnsPair::Make() {
     std::string err = AddNamespace(device_);
     if (err.empty()) err = AddNamespace(server_);
     if (!err.empty()) return err;
-    const std::string steps[] = {
-        "ip -n " + device_ + " link add " + vd + " type veth peer name " + vs + " netns " + server_,
-        "ip -n " + device_ + " addr add 10.99.0.1/24 dev " + vd,
-        "ip -n " + server_ + " addr add 10.99.0.2/24 dev " + vs,
-        "ip -n " + device_ + " link set lo up",
-        "ip -n " + server_ + " link set lo up",
-        "ip -n " + device_ + " link set " + vd + " up",
-        "ip -n " + server_ + " link set " + vs + " up",
-        "ip -n " + device_ + " route add default dev " + vd,
-        "ip -n " + server_ + " route add default dev " + vs,
-    };
-    for (const std::string &step : steps) {
-        err = Run(step);
-        if (!err.empty()) return err;
+    err = Run("ip -n " + device_ + " link add " + vd + " type veth peer name " + vs + " netns " + server_);
+    const std::string sides[2][3] = {{device_, vd, "10.99.0.1/24"}, {server_, vs, "10.99.0.2/24"}};
+    for (const auto &side : sides) {
+        const std::string ip = "ip -n " + side[0];
+        for (const std::string &step : {ip + " addr add " + side[2] + " dev " + side[1], ip + " link set lo up",
+                                        ip + " link set " + side[1] + " up", ip + " route add default dev " + side[1]})
+            if (err.empty()) err = Run(step);
     }
-    return "";
+    return err;
 }
 
 bool NetnsPair::EnterDevice() { return Enter(device_); }
 bool NetnsPair::EnterServer() { return Enter(server_); }
-const std::string &NetnsPair::DeviceName() const { return device_; }
-const std::string &NetnsPair::ServerName() const { return server_; }
 
 NetnsPair::~NetnsPair() {
     // Back home first, so that whatever the thread does after the pair is

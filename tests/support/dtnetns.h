@@ -21,8 +21,8 @@ public:
     // and a process it forks starts there.
     bool EnterDevice();
     bool EnterServer();
-    const std::string &DeviceName() const;  // for `ip netns exec`
-    const std::string &ServerName() const;
+    const std::string &DeviceName() const { return device_; }  // for `ip netns exec`
+    const std::string &ServerName() const { return server_; }
     ~NetnsPair();  // deletes both namespaces
 
 private:

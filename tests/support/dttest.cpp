@@ -67,14 +67,11 @@ void Kybe_Free(void *ptr) {
 int Kybe_RawPrint(const char *format, ...) {
     va_list ap;
     va_start(ap, format);
-    va_list ap2;
-    va_copy(ap2, ap);
-    int n = vsnprintf(nullptr, 0, format, ap);
+    char *s = nullptr;
+    int n = vasprintf(&s, format, ap);
     va_end(ap);
-    std::string s(n > 0 ? static_cast<size_t>(n) : 0, '\0');
-    if (n > 0) vsnprintf(&s[0], s.size() + 1, format, ap2);
-    va_end(ap2);
-    g_console.push_back(s);
+    g_console.push_back(n > 0 ? s : "");
+    if (n >= 0) free(s);
     return n;
 }
 

@@ -28,13 +28,11 @@ protected:
         saved_ = std::rename(DTFAULT_FILE, backup_.c_str()) == 0;
         // Say up front why every file comparison below is going to fail.
         int probe = open(DTFAULT_FILE, O_WRONLY | O_CREAT | O_EXCL, 0600);
-        if (probe < 0) {
-            ADD_FAILURE() << "cannot create the fault file " DTFAULT_FILE ": " << strerror(errno)
-                          << " (configure with -DDTKIT_FAULT_FILE=<a writable path>)";
-        } else {
-            close(probe);
-            std::remove(DTFAULT_FILE);
-        }
+        const char *why = strerror(errno);
+        EXPECT_GE(probe, 0) << "cannot create the fault file " DTFAULT_FILE ": " << why
+                            << " (configure with -DDTKIT_FAULT_FILE=<a writable path>)";
+        if (probe >= 0) close(probe);
+        if (probe >= 0) std::remove(DTFAULT_FILE);
     }
     void TearDown() override {
         std::remove(DTFAULT_FILE);

@@ -10,9 +10,9 @@
 #include <dirent.h>
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -36,16 +36,15 @@ bool Collect(const std::string &path, std::vector<std::string> *files) {
         files->push_back(path);
         return true;
     }
-    DIR *d = opendir(path.c_str());
-    if (!d) return false;
-    std::vector<std::string> names;
-    while (dirent *e = readdir(d)) {
-        std::string full = path + "/" + e->d_name;
-        if (stat(full.c_str(), &st) == 0 && S_ISREG(st.st_mode)) names.push_back(full);
+    dirent **names;
+    int n = scandir(path.c_str(), &names, nullptr, alphasort);
+    if (n < 0) return false;
+    for (int i = 0; i < n; ++i) {
+        std::string full = path + "/" + names[i]->d_name;
+        if (stat(full.c_str(), &st) == 0 && S_ISREG(st.st_mode)) files->push_back(full);
+        free(names[i]);
     }
-    closedir(d);
-    std::sort(names.begin(), names.end());
-    files->insert(files->end(), names.begin(), names.end());
+    free(names);
     return true;
 }
 
