@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <cstring>
 
-#include "containers/DTMD5.h"
 #include "dttest.h"
 
 namespace {
@@ -79,12 +78,6 @@ TEST(DTHash, BucketIsTheHashModuloTheCount) {
         EXPECT_EQ(Get(h, key.data()), 1);
         DTHash_Release(h);
     }
-    DTHash *h = DTHash_New(4, 4, 13, nullptr);  // the default hash places the key
-    ASSERT_EQ(DTHash_Set(h, "abcd", "...."), 1);
-    dttest::ClearConsole();
-    DTHash_ShowDepth(h);
-    EXPECT_EQ(dttest::ConsoleText(), "pos=" + std::to_string(DTMD5_Hash("abcd", 4, 13)) + ",length=1\n");
-    DTHash_Release(h);
 }
 
 TEST(DTHash, RefusedArguments) {

@@ -20,16 +20,8 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
 
-namespace {
-
-bool ReadFile(const std::string &path, std::vector<uint8_t> *out) {
-    std::ifstream in(path, std::ios::binary);
-    out->assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-    return in.is_open() && !in.bad();
-}
-
 // The files to replay: a folder's regular files in name order, or the file itself.
-bool Collect(const std::string &path, std::vector<std::string> *files) {
+static bool Collect(const std::string &path, std::vector<std::string> *files) {
     struct stat st;
     if (stat(path.c_str(), &st) != 0) return false;
     if (!S_ISDIR(st.st_mode)) {
@@ -48,8 +40,6 @@ bool Collect(const std::string &path, std::vector<std::string> *files) {
     return true;
 }
 
-}  // namespace
-
 int main(int argc, char **argv) {
     std::vector<std::string> files;
     for (int i = 1; i < argc; ++i) {
@@ -62,9 +52,10 @@ int main(int argc, char **argv) {
         fprintf(stderr, "replay: no inputs\n");
         return 2;
     }
-    std::vector<uint8_t> data;
     for (const std::string &f : files) {
-        if (!ReadFile(f, &data)) {
+        std::ifstream in(f, std::ios::binary);
+        std::vector<uint8_t> data((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+        if (!in.is_open() || in.bad()) {
             fprintf(stderr, "replay: cannot read %s\n", f.c_str());
             return 2;
         }
