@@ -42,7 +42,8 @@ std::vector<std::string> Expected(std::vector<std::string> slots, unsigned left,
 TEST(DTMem, ShowCountsHeaderPerSlotAndHidesEmptySlots) {
     void *p = DTMem_Malloc(7, 10);
     void *q = DTMem_Malloc(263, 0);  // slot 7 too: the header alone
-    ASSERT_TRUE(p && q);
+    ASSERT_NE(p, nullptr);
+    ASSERT_NE(q, nullptr);
     DTMem_Free(3, nullptr);
     EXPECT_EQ(Show(), Expected({Slot0(0, 1), "    7  0x00000012         2       0\n"}, 0, 0, 0));
     DTMemOwnerStats s{};

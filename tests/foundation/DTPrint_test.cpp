@@ -62,8 +62,7 @@ TEST(DTPrint, PrintNeverCutsAString) {
 
 TEST(DTPrint, UnusableBuffersAreRefused) {
     char buf[4] = {'Z', 'Z', 'Z', 'Z'};
-    EXPECT_EQ(DTPrint_New(buf, 1), nullptr);
-    EXPECT_EQ(DTPrint_New(buf, -5), nullptr);
+    for (int32_t capacity : {1, -5}) EXPECT_EQ(DTPrint_New(buf, capacity), nullptr) << capacity;
     EXPECT_EQ(DTPrint_New(nullptr, 10), nullptr);
     DTPrint *p = DTPrint_New(buf, 2);  // the smallest that can make progress
     ASSERT_NE(p, nullptr);
