@@ -1,6 +1,7 @@
 #include "containers/DTHash.h"
 
 #include <gtest/gtest.h>
+
 #include <cstring>
 
 #include "dttest.h"
