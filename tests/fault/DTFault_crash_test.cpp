@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cerrno>
 #include <climits>
 #include <cstring>
 #include <functional>
@@ -37,6 +38,7 @@ std::string g_trace;
 // every such write is counted in shared memory.
 volatile int *g_fileWrites;
 time_t g_now;  // the clock, when set
+char g_fail;   // 'f': fsync of a file fails, 'w': a write to a file fails
 volatile int g_second;
 bool IsA(int fd, mode_t type) {
     struct stat st;
@@ -52,11 +54,19 @@ void Step(char kind) {
 
 extern "C" ssize_t write(int fd, const void *b, size_t n) {
     if (IsA(fd, S_IFREG)) Step('w');
+    if (g_fail == 'w' && IsA(fd, S_IFREG)) {
+        errno = EIO;
+        return -1;
+    }
     if (g_fileWrites && IsA(fd, S_IFREG) && (*g_fileWrites)++ == 0) g_second = 1, usleep(300000);
     return syscall(SYS_write, fd, b, n);
 }
 extern "C" int fsync(int fd) {
     Step(IsA(fd, S_IFDIR) ? 'd' : 'f');
+    if (g_fail == 'f' && !IsA(fd, S_IFDIR)) {
+        errno = EIO;
+        return -1;
+    }
     return static_cast<int>(syscall(SYS_fsync, fd));
 }
 extern "C" int rename(const char *from, const char *to) {
@@ -410,8 +420,10 @@ TEST_F(Crash, DurableFailuresKeepThePreviousFile) {
     EXPECT_EQ(ReadFcm(), kPrevious) << "saving for good, as with an unopenable file";
 }
 
-TEST_F(Crash, FailedRenameRemovesTheTemporaryFile) {
-    Populate(0);
+// A temporary file that cannot be renamed, flushed or written is removed, and the fault
+// file stays as it was; a failed write ends the crash save's file, which is still closed.
+TEST_F(Crash, FailedPublishRemovesTheTemporaryFile) {
+    Host h = Populate(0);
     DTFault_SetDurable(1);
     ASSERT_EQ(mkdir(DTFAULT_FILE, 0700), 0);
     ASSERT_EQ(mkdir(DTFAULT_FILE "/x", 0700), 0);  // a directory that rename cannot replace
@@ -421,7 +433,24 @@ TEST_F(Crash, FailedRenameRemovesTheTemporaryFile) {
     EXPECT_NE(access(DTFAULT_FILE ".tmp", F_OK), 0);
     EXPECT_EQ(g_DTFault_Info, nullptr) << "the save completed";
     DTFault_Start();
-    EXPECT_EQ(Decoded(ReadFcm()).size(), 8u) << "and the next one writes";
+    const Bytes good = ReadFcm();
+    EXPECT_EQ(Decoded(good).size(), 8u) << "and the next one writes";
+    g_fail = 'f';
+    DTFault_SetCounter(h.net, 1, 1);
+    DTFault_Start();
+    EXPECT_EQ(ReadFcm(), good) << "not flushed: not published";
+    ASSERT_EQ(DTFault_SaveOnCrash(h.net), 0);
+    for (char fail : {'f', 'w'}) {
+        SCOPED_TRACE(fail);
+        g_fail = fail;
+        const int next = dup(0);
+        close(next);
+        CrashSave();
+        g_fail = 0;
+        EXPECT_EQ(dup(0), next) << "no descriptor left open";
+        EXPECT_EQ(ReadFcm(), good);
+        EXPECT_NE(access(DTFAULT_FILE ".tmp", F_OK), 0);
+    }
 }
 
 // Ring stores that wrapped, each record length the walk meets: the crash save

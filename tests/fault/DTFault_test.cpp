@@ -131,11 +131,13 @@ TEST_F(DTFault, RefusedSizes) {
     DTFault_SetValue(f, 3, nullptr, 1);
     DTFault_SetCounterEx(f, 2, big.data(), DTFAULT_BLOCK_MAX);
     DTFault_SetValue(f, 4, big.data(), DTFAULT_VALUE_MAX);
-    EXPECT_EQ(Stored(), 2);
+    DTFault_SetValue(f, 5, big.data(), 65535 - 6 - 8);  // a file record of length 65535 exactly
+    EXPECT_EQ(Stored(), 3);
     DTFault_Start();
     // The largest value is stored, but its file record would need a length of 65535 + 2 + 4.
     Bytes blockMax = Cat({Be32(2), Be32(DTFAULT_BLOCK_MAX), Bytes(DTFAULT_BLOCK_MAX, 0xAB)});
-    EXPECT_EQ(ReadFcm(), Cat({{0, 0}, Value("half", 5, blockMax)}));
+    Bytes longest = Cat({Be32(5), Be32(65535 - 14), Bytes(65535 - 14, 0xAB)});
+    EXPECT_EQ(ReadFcm(), Cat({{0, 0}, Value("half", 5, blockMax), Value("half", 6, longest)}));
 }
 
 int g_unopenable_calls;
