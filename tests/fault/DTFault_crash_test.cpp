@@ -38,7 +38,7 @@ std::string g_trace;
 // every such write is counted in shared memory.
 volatile int *g_fileWrites;
 time_t g_now;  // the clock, when set
-char g_fail;   // 'f': fsync of a file fails, 'w': a write to a file fails
+char g_fail;   // 'f': fsync of a file fails, 'w': a write to a file fails, 'c': closing a file fails
 volatile int g_second;
 bool IsA(int fd, mode_t type) {
     struct stat st;
@@ -72,6 +72,11 @@ extern "C" int fsync(int fd) {
 extern "C" int rename(const char *from, const char *to) {
     Step('r');
     return static_cast<int>(syscall(SYS_rename, from, to));
+}
+extern "C" int close(int fd) {
+    const bool fail = g_fail == 'c' && IsA(fd, S_IFREG);
+    const int closed = static_cast<int>(syscall(SYS_close, fd));
+    return fail ? -1 : closed;
 }
 // The clock stands still while a save is counted, so that every save of a
 // series writes the same crash stamp.
@@ -420,7 +425,7 @@ TEST_F(Crash, DurableFailuresKeepThePreviousFile) {
     EXPECT_EQ(ReadFcm(), kPrevious) << "saving for good, as with an unopenable file";
 }
 
-// A temporary file that cannot be renamed, flushed or written is removed, and the fault
+// A temporary file that cannot be renamed, flushed, written or closed is removed, and the fault
 // file stays as it was; a failed write ends the crash save's file, which is still closed.
 TEST_F(Crash, FailedPublishRemovesTheTemporaryFile) {
     Host h = Populate(0);
@@ -440,7 +445,7 @@ TEST_F(Crash, FailedPublishRemovesTheTemporaryFile) {
     DTFault_Start();
     EXPECT_EQ(ReadFcm(), good) << "not flushed: not published";
     ASSERT_EQ(DTFault_SaveOnCrash(h.net), 0);
-    for (char fail : {'f', 'w'}) {
+    for (char fail : {'f', 'w', 'c'}) {
         SCOPED_TRACE(fail);
         g_fail = fail;
         const int next = dup(0);
