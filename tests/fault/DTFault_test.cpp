@@ -61,13 +61,19 @@ TEST_F(DTFault, RegistrationIndexesNamesAndIgnore) {
     EXPECT_EQ(shown.substr(15, 6), "\ninit\n");  // after the stamp
     EXPECT_EQ(shown.substr(36), "\nrun\n");
     DTBuf_Release(buf);
-    // Null handles: nothing shown, nothing recorded, 0 every time.
-    const int32_t answers[] = {DTFault_SetRunLog(nullptr, 0, 0, "x"), DTFault_ShowRunLog(nullptr),
-                               DTFault_ShowInitLog(nullptr), DTFault_SetInfo(nullptr, 5),
-                               DTFault_SetCounter(nullptr, 1, 1), DTFault_SetRegistEx(nullptr, 1, "ab", 2)};
-    for (int32_t r : answers) EXPECT_EQ(r, 0);
+    // Null handles: nothing shown, nothing recorded; every operation answers 0, whatever it was given.
+    const int32_t nulls[] = {DTFault_SetRunLog(nullptr, 0, 0, "x"), DTFault_SetInitLog(nullptr, 0, 0, "x"),
+                             DTFault_ShowRunLog(nullptr),          DTFault_ShowInitLog(nullptr),
+                             DTFault_SetInfo(nullptr, 5),          DTFault_SetCounter(nullptr, 1, 1),
+                             DTFault_SetRegist64(nullptr, 1, 2),   DTFault_SetRegistEx(nullptr, 1, "ab", 2),
+                             DTFault_SetValue(nullptr, 1, "ab", 2)};
+    for (int32_t r : nulls) EXPECT_EQ(r, 0);
     EXPECT_TRUE(dttest::Console().empty());
     EXPECT_EQ(g_DTFault_Info, nullptr);
+    const int32_t recorded[] = {DTFault_SetCounter(a, 1, 1), DTFault_SetRegist64(a, 1, 2),
+                                DTFault_SetCounterEx(a, 1, "ab", 2), DTFault_SetCounterEx(a, 1, nullptr, 2),
+                                DTFault_SetValue(a, 1, "ab", 2), DTFault_SetValue(a, 1, nullptr, 4)};
+    for (int32_t r : recorded) EXPECT_EQ(r, 0);
 }
 
 DTFaultRecord *g_cb;
