@@ -491,8 +491,14 @@ TEST_F(Crash, CrashSaveWritesWhatTheSaveWrites) {
 
 // The stamp's date, by hand in the handler, against the calendar's edges (UTC).
 // Equivalent mutants left: a short write's resume (files take whole writes),
-// the first page's bound at 4096, a flush one byte early, and the signal
-// table's end (any signal not in it reads as "SIG?" either way).
+// the first page's bound at 4096, a flush one byte early, the signal table's
+// end (any signal not in it reads as "SIG?" either way), the block check's
+// wrap test at size 0 (a size that wrapped to 0 would need a size word of 0
+// in front, which no block has), and the list walk's count starting at 1
+// (without a list the walk has no node to start from). Left untested: the
+// second thread's bounded wait (it differs only when the writer never ends),
+// the cleared action of a fault inside the handler (uninitialised stack) and
+// a failing query of the alternate stack (the kernel answers it always).
 TEST_F(Crash, StampDatesAcrossTheCalendar) {
     setenv("TZ", "UTC", 1);
     tzset();
