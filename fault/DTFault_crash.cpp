@@ -24,23 +24,41 @@
 
 namespace {
 
-// Where the crash save's bytes go: a descriptor behind a buffer.
+const uint32_t kPrefixMax = 32;  // a record's bytes before its data: "run " name " " at most
+// The file is written in whole chunks at chunk-aligned offsets: the kernel
+// keeps such writes in large page-cache pieces, and the save's cost was
+// mostly the kernel's per-piece work for writes that ended wherever a record
+// did. The buffer holds one chunk and the record that crosses its end; a
+// record longer than that slack (a large value) writes what is before it
+// first, and the writes after it come back to the boundaries.
+const uint32_t kChunk = 65536;
+const uint32_t kBufSize = kChunk + 4096;
+static_assert(kBufSize >= 2 + kPrefixMax + 65535, "any record fits an emptied buffer");
+
+// Where the crash save's bytes go: a descriptor behind a buffer. A record is
+// in once used has moved past it, which happens after all its bytes are
+// copied: a fault while copying leaves used where it was.
 struct Out {
-    int fd;  // -1 once a write has failed: the rest is dropped
+    int fd;  // -2 - fd once a write has failed: the rest is dropped
     uint8_t *buf;
-    uint32_t size;
     uint32_t used;
+    uint32_t edge;  // the next write is due when used reaches this: the file's next chunk boundary
 };
 
-bool flush_(Out *o) {
+// The buffer's first n bytes to the file, the rest moved to the front. n is
+// never past edge: a put that reaches edge writes up to it at once.
+bool flush_(Out *o, uint32_t n) {
     uint32_t at = 0;
-    while (at < o->used && o->fd >= 0) {
-        ssize_t w = write(o->fd, o->buf + at, o->used - at);
+    while (at < n && o->fd >= 0) {
+        ssize_t w = write(o->fd, o->buf + at, n - at);
         if (w > 0) at += static_cast<uint32_t>(w);
         else if (w < 0 && errno == EINTR) continue;
         else o->fd = -2 - o->fd;  // still closable, but nothing more is written
     }
-    o->used = 0;
+    o->used -= n;
+    memmove(o->buf, o->buf + n, o->used);
+    o->edge -= n;
+    if (o->edge == 0) o->edge = kChunk;
     return o->fd >= 0;
 }
 
@@ -48,10 +66,6 @@ const int kSignals[] = {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT};
 const char kSignalNames[][8] = {"SIGSEGV", "SIGBUS", "SIGILL", "SIGFPE", "SIGABRT"};
 const int kSignalCount = 5;
 const uint32_t kStackSize = 32768;
-// A file record is at most 2 + 65535 bytes, so any record fits once the
-// buffer is flushed: a record is put whole or not at all.
-const uint32_t kBufSize = 69632;
-const uint32_t kPrefixMax = 32;     // a record's bytes before its data: "run " name " " at most
 const uint32_t kHeader = 4;         // the accounted block's size word
 const uint32_t kBlockHeader = 8;    // DTMemBlock's size and isStatic words
 const uint32_t kMaxFaults = 65536;  // the list walk's bound, whatever its count says
@@ -61,8 +75,8 @@ struct sigaction sg_old[kSignalCount];
 bool sg_installed;
 uint8_t *sg_block;  // alternate stack, then the save's buffer
 DTFaultRecord *volatile sg_named;
-char sg_namedName[DTFAULT_NAME_SIZE];
-uint32_t sg_namedLen;
+uint8_t sg_crashPrefix[kPrefixMax];  // "run " name " ": the crash record's
+uint32_t sg_crashPrefixLen;
 long sg_utcOffset;
 
 // The thread writing the file, and whether it has finished. A thread is told
@@ -77,8 +91,6 @@ volatile int sg_guarding;
 // Faults by list position, for the value records' index byte.
 DTFaultRecord *sg_byIndex[256];
 uint8_t sg_nameLen[256];
-
-uint32_t be16_(const uint8_t *p) { return (uint32_t(p[0]) << 8) | p[1]; }
 
 uint32_t word_(const void *p) {
     uint32_t v;
@@ -107,12 +119,10 @@ uint32_t nameLen_(const DTFaultRecord *f) {
 }
 
 // Runs one step under the guard: a fault inside it comes back here instead of
-// ending the process, and the half-built record is dropped.
-bool guarded_(void (*step)(void *), void *ctx, Out *o) {
-    volatile uint32_t mark = o->used;
+// ending the process; the record it was copying was never counted in.
+bool guarded_(void (*step)(void *), void *ctx) {
     if (sigsetjmp(sg_guard, 0) != 0) {
         sg_guarding = 0;
-        o->used = mark;
         return false;
     }
     sg_guarding = 1;
@@ -130,20 +140,22 @@ struct StoreWalk {
     uint8_t prefix[kPrefixMax];  // a log record's marker, space, name, space
 };
 
-// One file record whose body is prefix then data: put whole into the buffer,
-// flushed first when it would not fit, so that a guarded fault can take it back.
+// One file record whose body is prefix then data.
 void putRecord_(Out *o, const uint8_t *prefix, uint32_t p, const uint8_t *data, uint32_t d) {
     uint32_t len = p + d;
     if (len > 0xFFFF) return;
-    if (o->size - o->used < 2 + kPrefixMax + d) flush_(o);
+    if (kBufSize - o->used < 2 + kPrefixMax + d) flush_(o, o->used);  // the prefix array included
     uint8_t *at = o->buf + o->used;
     at[0] = static_cast<uint8_t>(len >> 8);
     at[1] = static_cast<uint8_t>(len);
     // The whole prefix array, of a size known here: a few moves instead of a
     // call per record; the data overwrites what runs past the prefix.
     memcpy(at + 2, prefix, kPrefixMax);
-    memcpy(at + 2 + p, data, d);
+    // memmove, not memcpy: built for size, a memcpy of unknown length becomes
+    // an inline string move, slow for a line's few bytes; memmove stays a call.
+    memmove(at + 2 + p, data, d);
     o->used += 2 + len;
+    if (o->used >= o->edge) flush_(o, o->edge);
 }
 
 uint32_t logPrefix_(uint8_t *out, const char *marker, const char *name, uint32_t n) {
@@ -154,33 +166,31 @@ uint32_t logPrefix_(uint8_t *out, const char *marker, const char *name, uint32_t
     return 5 + n;
 }
 
-__attribute__((no_sanitize("address"))) void visit_(StoreWalk *w, const uint8_t *key, uint32_t h,
-                                                    const uint8_t *data, uint32_t d) {
-    if (!w->values) {
-        putRecord_(w->o, w->prefix, w->prefixLen, data, d);
-        return;
-    }
-    if (h != 2 || sg_byIndex[key[1]] == nullptr) return;
-    uint32_t n = sg_nameLen[key[1]];
-    uint8_t prefix[kPrefixMax];
-    prefix[0] = static_cast<uint8_t>(n + 1);
-    prefix[1] = key[0];
-    memcpy(prefix + 2, sg_byIndex[key[1]]->name, n);
-    putRecord_(w->o, prefix, 2 + n, data, d);
-}
-
 // The records of [at, end) in order. false at the first one that does not fit
 // the area, or at a free mark before end when the chain must reach end.
 __attribute__((no_sanitize("address"))) bool walkRun_(StoreWalk *w, const uint8_t *area, uint32_t at,
                                                       uint32_t end, bool toMark) {
+    uint8_t own[kPrefixMax];  // a value record's prefix: its index byte, key and fault name
     while (at < end) {
         if (area[at] == 0xFF) return toMark;
         uint32_t h = area[at];
         if (end - at < 3 + h) return false;
-        uint32_t d = be16_(area + at + 1 + h);
+        const uint8_t *key = area + at + 1;
+        uint32_t d = (uint32_t(key[h]) << 8) | key[h + 1];
         if (end - at - 3 - h < d) return false;
-        visit_(w, area + at + 1, h, area + at + 3 + h, d);
         at += 3 + h + d;
+        const uint8_t *prefix = w->prefix;
+        uint32_t p = w->prefixLen;
+        if (w->values) {
+            if (h != 2 || sg_byIndex[key[1]] == nullptr) continue;
+            uint32_t n = sg_nameLen[key[1]];
+            own[0] = static_cast<uint8_t>(n + 1);
+            own[1] = key[0];
+            memcpy(own + 2, sg_byIndex[key[1]]->name, n);
+            prefix = own;
+            p = 2 + n;
+        }
+        putRecord_(w->o, prefix, p, key + h + 2, d);
     }
     return at == end;
 }
@@ -239,10 +249,8 @@ __attribute__((no_sanitize("address"))) void readNode_(void *ctx) {
 
 // Stamp and text, as a logged line of the named fault's run log reads.
 void putCrash_(Out *o, const char *stamp, const char *text, uint32_t len) {
-    uint8_t prefix[kPrefixMax];
-    uint32_t p = logPrefix_(prefix, "run", sg_namedName, sg_namedLen);
-    putRecord_(o, prefix, p, reinterpret_cast<const uint8_t *>(stamp), 15);
-    putRecord_(o, prefix, p, reinterpret_cast<const uint8_t *>(text), len);
+    putRecord_(o, sg_crashPrefix, sg_crashPrefixLen, reinterpret_cast<const uint8_t *>(stamp), 15);
+    putRecord_(o, sg_crashPrefix, sg_crashPrefixLen, reinterpret_cast<const uint8_t *>(text), len);
 }
 
 // Section 1: every fault's init and run log, the crash record after the named
@@ -260,7 +268,7 @@ __attribute__((no_sanitize("address"))) void logPass_(Out *o, const char *stamp,
     }
     if (count > kMaxFaults) count = kMaxFaults;
     for (; p.pos < count && p.node != nullptr; ++p.pos) {
-        if (!guarded_(readNode_, &p, o)) break;
+        if (!guarded_(readNode_, &p)) break;
         DTFaultRecord *f = p.fault;
         if (f == nullptr) continue;
         StoreWalk w;
@@ -268,10 +276,10 @@ __attribute__((no_sanitize("address"))) void logPass_(Out *o, const char *stamp,
         w.values = false;
         w.prefixLen = logPrefix_(w.prefix, "log", f->name, nameLen_(f));
         w.logger = f->initLog;
-        guarded_(walkStore_, &w, o);
+        guarded_(walkStore_, &w);
         memcpy(w.prefix, "run", 3);
         w.logger = f->runLog;
-        guarded_(walkStore_, &w, o);
+        guarded_(walkStore_, &w);
         if (f == sg_named && !crashPut) {
             putCrash_(o, stamp, text, len);
             crashPut = true;
@@ -328,14 +336,15 @@ void stamp_(char *out) {
     uint32_t day = doy - (153 * mp + 2) / 5 + 1;
     uint32_t month = mp < 10 ? mp + 3 : mp - 9;
     const uint32_t fields[5] = {month, day, secs / 3600, secs / 60 % 60, secs % 60};
-    const char seps[5] = {'/', ' ', ':', ':', ' '};
+    const char *seps = "/ :: ";
     for (int i = 0; i < 5; ++i) {
         putDec_(out + 3 * i, fields[i], 2);
         out[3 * i + 2] = seps[i];
     }
 }
 
-int slot_(int sig) {
+// Out of line: inlined, its unrolled search is copied into each caller.
+__attribute__((noinline)) int slot_(int sig) {
     for (int i = 0; i < kSignalCount; ++i)
         if (kSignals[i] == sig) return i;
     return -1;
@@ -441,7 +450,7 @@ void DTFault_CrashSave_(int sig, const void *info, const void *context) {
     uint32_t len = crashText_(text, sig, static_cast<const siginfo_t *>(info), context);
     const bool durable = DTFault_durable_ != 0;
     Out o = {open(durable ? DTFAULT_TEMP_FILE : DTFAULT_FILE, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666),
-             sg_block + kStackSize, kBufSize, 0};
+             sg_block + kStackSize, 0, kChunk};
     if (o.fd < 0) return;
     logPass_(&o, stamp, text, len);
     putRecord_(&o, sg_block, 0, sg_block, 0);  // the end mark: a record of length 0
@@ -450,8 +459,8 @@ void DTFault_CrashSave_(int sig, const void *info, const void *context) {
     values.logger = nullptr;
     values.store = g_DTFault_Info;
     values.values = true;
-    guarded_(walkStore_, &values, &o);
-    bool ok = flush_(&o);
+    guarded_(walkStore_, &values);
+    bool ok = flush_(&o, o.used);
     int fd = ok ? o.fd : -2 - o.fd;
     ok = (!durable || fsync(fd) == 0) && ok;
     ok = close(fd) == 0 && ok;
@@ -460,10 +469,8 @@ void DTFault_CrashSave_(int sig, const void *info, const void *context) {
 
 int32_t DTFault_SaveOnCrash(DTFaultRecord *fault) {
     if (fault == nullptr) return -1;
-    // Copied now: at the crash the record itself may be what was damaged.
-    uint32_t n = nameLen_(fault);
-    memcpy(sg_namedName, fault->name, n);
-    sg_namedLen = n;
+    // Made now: at the crash the record itself may be what was damaged.
+    sg_crashPrefixLen = logPrefix_(sg_crashPrefix, "run", fault->name, nameLen_(fault));
     sg_named = fault;
     if (sg_installed) return 0;
     if (sg_block == nullptr) {
