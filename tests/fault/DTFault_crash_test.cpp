@@ -464,19 +464,23 @@ TEST_F(Crash, CrashSaveWritesWhatTheSaveWrites) {
     DTFaultRecord *f[3];
     for (int i = 0; i < 3; ++i) {
         f[i] = DTFault_Regist(("f" + std::to_string(i)).c_str(), nullptr);
-        DTLogger_SetInfoSize(f[i]->runLog, 1024 * (i + 1));
-        for (int line = 0; line < 200 + 37 * i; ++line) {
+        // Stores past the save's 64 KiB chunk, so that records straddle its edges.
+        DTLogger_SetInfoSize(f[i]->runLog, 65536 - 4093 * i);
+        for (int line = 0; line < 2600 + 37 * i; ++line) {
             DTFault_SetRunLog(f[i], line % 4, 0, std::string(line % 53, 'a' + i).c_str());
             DTFault_SetCounter(f[i], line, i);
         }
         DTFault_SetRunLog(f[i], 1, 0, "");  // a record without data closes the store
     }
     DTFault_SetValue(f[1], 1, std::string(DTFAULT_VALUE_MAX, 'v').data(), DTFAULT_VALUE_MAX);  // too long for the file
+    DTFault_SetValue(f[0], 2, std::string(5000, 'w').data(), 5000);
+    DTFault_SetValue(f[2], 3, std::string(DTFAULT_VALUE_MAX - 30, 'x').data(), DTFAULT_VALUE_MAX - 30);
     ASSERT_EQ(DTFault_SaveOnCrash(f[2]), 0);
     DTFault_CrashSave_(SIGFPE, nullptr, nullptr);
     Bytes crash = ReadFcm();
     DTFault_Start();
     Bytes normal = ReadFcm();
+    ASSERT_GT(normal.size(), 3 * 65536u);
     size_t end = 0;
     while (normal[end] != 0 || normal[end + 1] != 0) end += 2 + (normal[end] << 8) + normal[end + 1];
     ASSERT_GT(crash.size(), normal.size());
