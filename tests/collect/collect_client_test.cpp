@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 
+#include <algorithm>
 #include <climits>
 
 #include "collect/collect_client_internal.h"
@@ -17,24 +18,22 @@ using ct::Bytes;
 // Equal on this system, so not cases: the receive's flags as MSG_OOB (datagram
 // sockets ignore it); a connect address with non-zero padding (ignored too); a send loop that stops with one byte left (a blocking send on
 // this stream returns short only on a signal, never seen here).
+// Every receive is printed with its size, a request cut at 16 bytes.
 TEST(CollectClient, RequestsAreValidatedAndPrinted) {
     const struct {
         const char *what;
         Bytes datagram;
         int32_t result;
         uint32_t type, port;
-        const char *printed;
     } cases[] = {
-        {"full request", ct::Request(16, 2, 5, 0x12342328), 5, 2, 0x12342328, "size=16\n"},
-        {"length one short", ct::Request(15, 2, 5, 9000), -1, 0, 0, "size=16\n"},
-        {"8-byte request", {0, 0, 0, 8, 0, 0, 0, 1}, 0, 1, 0, "size=8\n"},
+        {"full request", ct::Request(16, 2, 5, 0x12342328), 5, 2, 0x12342328},
+        {"length one short", ct::Request(15, 2, 5, 9000), -1, 0, 0},
+        {"8-byte request", {0, 0, 0, 8, 0, 0, 0, 1}, 0, 1, 0},
         {"20 bytes read as 16",
-         {0, 0, 0, 16, 0, 0, 0, 0, 0, 0, 0, 7, 0, 0, 0x23, 0x28, 0xEE, 0xEE, 0xEE, 0xEE}, 7, 0,
-         9000, "size=16\n"},
-        {"self test", ct::Request(16, 3, 0, 9000), 0, 3, 9000, "size=16\n"},
-        {"type 4", ct::Request(16, 4, 5, 9000), -1, 0, 0, "size=16\n"},
-        {"top bit of sequence", ct::Request(16, 2, 0x80000000u, 9000), INT32_MIN, 2, 9000,
-         "size=16\n"},
+         {0, 0, 0, 16, 0, 0, 0, 0, 0, 0, 0, 7, 0, 0, 0x23, 0x28, 0xEE, 0xEE, 0xEE, 0xEE}, 7, 0, 9000},
+        {"self test", ct::Request(16, 3, 0, 9000), 0, 3, 9000},
+        {"type 4", ct::Request(16, 4, 5, 9000), -1, 0, 0},
+        {"top bit of sequence", ct::Request(16, 2, 0x80000000u, 9000), INT32_MIN, 2, 9000},
     };
     int32_t sock = CollectClient_Init();
     ASSERT_GE(sock, 0);
@@ -47,7 +46,8 @@ TEST(CollectClient, RequestsAreValidatedAndPrinted) {
         ct::SendDatagram(c.datagram);
         testing::internal::CaptureStdout();
         int32_t r = CollectClient_WaitFor(sock, 1, 2, &type, requester, port4);
-        EXPECT_EQ(testing::internal::GetCapturedStdout(), c.printed);
+        const size_t size = std::min<size_t>(c.datagram.size(), 16);
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), "size=" + std::to_string(size) + "\n");
         EXPECT_EQ(r, c.result);
         if (r == -1) continue;
         EXPECT_EQ(type, c.type);
