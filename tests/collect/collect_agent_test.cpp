@@ -46,7 +46,8 @@ TEST(CollectAgent, OneRequestByteForByte) {
     EXPECT_EQ(ct::Owner100(2 * ct::kSectionBytes), 2 * ct::kSectionBytes);
 }
 
-// Equal by design: Collect_ShowLog's second argument to the logger is unused there;
+// Equal by design: a new section's block set to 0 again after the whole struct
+// was cleared; Collect_ShowLog's second argument to the logger is unused there;
 // a release that also looked at the slot just past the count finds it empty, always
 // (20 slots for at most 19 sections, cleared on release).
 TEST(CollectAgent, RegistryLimitsAndNames) {
