@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "collect/collect_api.h"
-#include "containers/DTBuf.h"
+#include "dttest.h"
 #include "foundation/DTMem.h"
 
 namespace ct {
@@ -149,15 +149,11 @@ inline bool StartAgent(uint32_t identity) {
     return false;
 }
 
-// The agent's log as text, one line a record (stamps included).
+// The agent's log as the host's console shows it, one line a record (stamps included).
 inline std::string AgentLog() {
-    DTBuf *buf = DTBuf_New(1, 1024, 0);
-    DTLogger_ShowToBuf(g_collect_param.logger, buf);
-    void *p = nullptr;
-    DTBuf_Get(buf, 0, &p);
-    std::string text = p ? std::string(static_cast<char *>(p), DTBuf_Length(buf)) : "";
-    DTBuf_Release(buf);
-    return text;
+    dttest::ClearConsole();
+    Collect_ShowLog();
+    return dttest::ConsoleText();
 }
 
 // Owner 100's bytes once they reach `expected`, or after two seconds: the agent
