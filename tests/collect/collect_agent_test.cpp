@@ -67,6 +67,14 @@ TEST(CollectAgent, RegistryLimitsAndNames) {
     EXPECT_EQ(g_collect_param.sections[0], first);
     EXPECT_EQ(Collect_Start(nullptr, 1, 0, 0, 0, 0), 0);
     EXPECT_EQ(Collect_SelfTest(nullptr, 1, 0, 0, 0), 0);
+    for (int selfTest = 0; selfTest < 2; selfTest++) {  // served whole: 1
+        int lsock = -1;
+        const uint16_t port = ct::Listen(&lsock);
+        std::thread collector([lsock] { ct::Read(lsock); });
+        EXPECT_EQ(selfTest ? Collect_SelfTest("127.0.0.1", port, 0, 1, 2)
+                           : Collect_Start("127.0.0.1", port, 0, 0, 1, 2), 1);
+        collector.join();
+    }
 }
 
 CollectSection *g_alpha;

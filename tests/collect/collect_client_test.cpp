@@ -112,12 +112,13 @@ TEST(CollectClient, WritersFlushAndSplitAtTheBufferEnd) {
         {"2000-byte buffer, empty", 0,
          [] { Collect_PutStruct(Collect_New("b", nullptr, nullptr), 9, kData.data(), 2000); },
          {1024, 1006}, {0x04, 0x84}},
-        {"empty string; refused values", 0,
+        {"empty string, 1-byte buffer; refused values", 0,
          [] {
              EXPECT_EQ(Str(-1), 0);
              EXPECT_EQ(CollectClient_CollectString(1, 0, 2, "", 0), 0);
              EXPECT_EQ(CollectClient_CollectBuffer(1, 0, 2, "x", 0), 0);
              EXPECT_EQ(CollectClient_CollectBuffer(1, 0, 2, nullptr, 5), 0);
+             EXPECT_EQ(CollectClient_CollectBuffer(1, 0, 2, "x", 1), 1);
              CollectSection *s = Collect_New("refused", nullptr, nullptr);
              Collect_PutStruct(s, 1, nullptr, 5);
              Collect_PutStruct(s, 1, "x", 0);
@@ -125,7 +126,7 @@ TEST(CollectClient, WritersFlushAndSplitAtTheBufferEnd) {
              Collect_PutString(s, 1, "x", -1);
              Collect_PutString(s, 1, nullptr, 0);
          },
-         {15}, {0x83}},
+         {31}, {0x83, 0x84}},
         {"appends stop at the payload's end", 1000,
          [] {
              CollectClient_AppendString(nullptr);
