@@ -107,17 +107,17 @@ TEST(CollectAgent, SelfTestLeadsEachSectionWithItsName) {
     EXPECT_EQ(m[0].sequence, 1u) << "sequence 0 takes the counter";
     const auto v = ct::Records(m);
     ASSERT_EQ(v.size(), 10u) << "name, int, 3 log lines as stamp and text, long, name";
-    EXPECT_EQ(v[0].section, 65535u);
-    EXPECT_EQ(v[0].kind, 0x83);
+    using Head = std::vector<uint32_t>;  // kind, section, block, code
+    auto head = [&v](size_t i) { return Head{v[i].kind, v[i].section, v[i].block, v[i].code}; };
+    EXPECT_EQ(head(0), (Head{0x83, 65535, 0, 0}));
     EXPECT_EQ(ct::Text(v[0].data), "alpha");
-    EXPECT_EQ(v[1].section, 0u);
-    EXPECT_EQ(v[1].block, 0u) << "an ended section puts block 0";
+    EXPECT_EQ(head(1), (Head{0x81, 0, 0, 4})) << "an ended section puts block 0";
     EXPECT_EQ(ct::Be32(v[1].data.data()), 9u) << "the self-test callback gets 0";
     EXPECT_EQ(ct::Text(v[3].data), "first");
     EXPECT_EQ(ct::Text(v[5].data), "");
-    EXPECT_EQ(v[5].code, 5u);
+    EXPECT_EQ(head(5), (Head{0x83, 0, 0, 5}));
     EXPECT_EQ(ct::Text(v[7].data), "booted");
-    EXPECT_EQ(v[7].code, 6u);
+    EXPECT_EQ(head(7), (Head{0x83, 0, 0, 6}));
     EXPECT_EQ(v[8].data, Bytes({1, 2, 3, 4, 5, 6, 7, 8}));
     EXPECT_EQ(ct::Text(v[9].data), "beta");
     const std::string log = ct::AgentLog();
