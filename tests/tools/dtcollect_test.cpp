@@ -77,6 +77,7 @@ TEST(DtcollectArgs, UsageAndBadUsage) {
         {{"--parallel", "0", "h"}, "", "bad value for --parallel: 0"},
         {{"--parallel", "100001", "h"}, "", "bad value for --parallel: 100001"},
         {{"--sequence", "2147483648", "h"}, "", "bad value for --sequence: 2147483648"},
+        {{"--sequence", "00000000001", "h"}, "", "bad value for --sequence: 00000000001"},  // 11 digits
         {{"--hosts-file", ""}, "", "bad value for --hosts-file: (empty)"},
         {{"--hosts-file", "/nonexistent/hosts"}, "", "cannot read the hosts file /nonexistent/hosts"},
         {{"--hosts-file", "-"}, "a\n\n b c # two\n", "(standard input):3: more than one host on the line"},

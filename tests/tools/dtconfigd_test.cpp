@@ -173,6 +173,8 @@ struct Daemon {
     }
 };
 
+// Equal here, so not a case: the server asks only for IP_PKTINFO, so a control-message
+// filter that wanted level and type both wrong (&& for ||) passes the same one message.
 TEST(DtconfigdNamespace, LibraryGettersFindTheServerByBroadcastThenAskDirectly) {
     dttest::NetnsPair ns;
     std::string why = ns.Make();
