@@ -9,13 +9,12 @@
 #include <chrono>
 #include <cstdint>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "collect/collect_api.h"
-#include "containers/DTBuf.h"
+#include "dttest.h"
 #include "foundation/DTMem.h"
 
 namespace ct {
@@ -30,17 +29,13 @@ inline uint32_t Be32(const uint8_t *p) {
 }
 inline Bytes Request(uint32_t length, uint32_t type, uint32_t seq, uint32_t port) {
     Bytes b;
-    for (uint32_t v : {length, type, seq, port}) {
-        for (int s = 24; s >= 0; s -= 8) b.push_back(uint8_t(v >> s));
-    }
+    for (uint32_t v : {length, type, seq, port})
+        b.insert(b.end(), {uint8_t(v >> 24), uint8_t(v >> 16), uint8_t(v >> 8), uint8_t(v)});
     return b;
 }
 inline void SendDatagram(const Bytes &b) {
     int s = socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_port = htons(COLLECT_REQUEST_PORT);
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in a{AF_INET, htons(COLLECT_REQUEST_PORT), {htonl(INADDR_LOOPBACK)}, {}};
     sendto(s, b.data(), b.size(), 0, reinterpret_cast<sockaddr *>(&a), sizeof a);
     close(s);
 }
@@ -85,9 +80,7 @@ enum class Ack { Normal, Empty, Never };
 // A TCP listener on 127.0.0.1, at a port of the system's choosing; returns the port.
 inline uint16_t Listen(int *lsock) {
     *lsock = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in a{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
     socklen_t len = sizeof a;
     bind(*lsock, reinterpret_cast<sockaddr *>(&a), len);
     listen(*lsock, 1);
@@ -131,15 +124,13 @@ inline std::vector<Msg> Collect(uint32_t type, uint32_t seq = 0, int closeAfter 
 }
 
 // Whether a socket of this network namespace holds UDP port 9099 (0x238B) as
-// its local address.
+// its local address: the 8 hex digits of that address follow the slot's colon
+// and a space.
 inline bool Udp9099Held() {
     std::ifstream table("/proc/net/udp");
     std::string line;
     while (std::getline(table, line)) {
-        std::istringstream fields(line);
-        std::string slot, local;
-        fields >> slot >> local;
-        if (local.size() > 5 && local.compare(local.size() - 5, 5, ":238B") == 0) return true;
+        if (line.find(":238B ") == line.find(':') + 10) return true;
     }
     return false;
 }
@@ -158,15 +149,11 @@ inline bool StartAgent(uint32_t identity) {
     return false;
 }
 
-// The agent's log as text, one line a record (stamps included).
+// The agent's log as the host's console shows it, one line a record (stamps included).
 inline std::string AgentLog() {
-    DTBuf *buf = DTBuf_New(1, 1024, 0);
-    DTLogger_ShowToBuf(g_collect_param.logger, buf);
-    void *p = nullptr;
-    DTBuf_Get(buf, 0, &p);
-    std::string text = p ? std::string(static_cast<char *>(p), DTBuf_Length(buf)) : "";
-    DTBuf_Release(buf);
-    return text;
+    dttest::ClearConsole();
+    Collect_ShowLog();
+    return dttest::ConsoleText();
 }
 
 // Owner 100's bytes once they reach `expected`, or after two seconds: the agent

@@ -13,7 +13,7 @@ target_compile_definitions(test_dtcollect_test PRIVATE
 target_link_libraries(test_dtconfigd_test PRIVATE dtconfigd_core)
 add_dependencies(test_dtconfigd_test dtconfigd)
 string(REPLACE ";" " " _dtconfigd_emulator "${CMAKE_CROSSCOMPILING_EMULATOR}")
-target_compile_definitions(test_dtconfigd_test PRIVATE
+target_compile_definitions(test_dtconfigd_test PRIVATE DTKIT_VERSION="${PROJECT_VERSION}"
   DTCONFIGD_COMMAND="${_dtconfigd_emulator} $<TARGET_FILE:dtconfigd>")
 # dtsim: the tests know the simulated host's values from its core, play the
 # collector themselves and run dtcollect against the fleet.

@@ -9,10 +9,6 @@ if(TARGET test_wireshark_test)
     DTCOLLECT_COMMAND="${_ws_emulator} $<TARGET_FILE:dtcollect>"
     DTCONFIGD_COMMAND="${_ws_emulator} $<TARGET_FILE:dtconfigd>")
 endif()
-if(TARGET test_dtconfigd_version_test)
-  target_link_libraries(test_dtconfigd_version_test PRIVATE dtconfigd_core)
-  target_compile_definitions(test_dtconfigd_version_test PRIVATE DTKIT_VERSION="${PROJECT_VERSION}")
-endif()
 # Every manual page renders without a single groff warning.
 if(TARGET dtkit_manpages)
   add_test(NAME manpages_render COMMAND sh ${CMAKE_CURRENT_LIST_DIR}/manpages.sh ${DTKIT_MAN_OUTPUTS})
