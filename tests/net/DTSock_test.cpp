@@ -125,7 +125,8 @@ TEST(DTSock, BroadcastThenUnicastInPrivateNetwork) {
     int tx = DTSock_UDP_Create("0.0.0.0", 8998);
     ASSERT_GE(rx, 0);
     ASSERT_GE(tx, 0);
-    const struct { const char *to; int permission; } sends[] = {{"<BROADCAST>", 1}, {"10.99.0.2", 0}, {"<BROADCAST>", 1}};
+    const struct { const char *to; int permission; } sends[] = {
+        {"<BROADCAST>", 1}, {"10.99.0.2", 0}, {"<BROADCAST>", 1}};
     for (const auto &s : sends) {
         SCOPED_TRACE(s.to);
         EXPECT_EQ(DTSock_UDP_SendMessage(tx, s.to, 8999, s.to, 3), 3);

@@ -26,7 +26,8 @@ static std::string Flushed() {
 }
 
 TEST(DTLogger, WriteObeysFlagWord) {
-    struct { uint32_t flags; int32_t level; const char *text, *echo; int32_t result; const char *key; } cases[] = {
+    struct { uint32_t flags; int32_t level; const char *text, *echo; int32_t result; const char *key; } const
+        cases[] = {
         {255, 1, "hello", "", 32, "l"},   {255, 3, "boom", "boom\n", 31, "e"},
         {255, 0, "zero", "zero", 31, "l"}, {255, 2, "warn", "", 31, "w"},
         {0xC2, 1, "hi", "hi\n", 29, "l"},  {0xC2, 2, "x", "", -1, nullptr},

@@ -121,16 +121,6 @@ TEST(DTTable, SumTotalsInTheColumnsKind) {
 TEST(DTTableRender, ExampleOnEverySinkThenCleared) {
     int64_t before = dttest::LiveBlocks();
     DTTable *t = Example();
-    EXPECT_EQ(kExample, ToBuf(t));
-    std::vector<std::string> lines = {"*************\n   Memory\n*************\n", " name   size \n",
-                                      " -----  ---- \n", "heap     1024\n", "stack      64\n",
-                                      "-------------\n", "total count = 2\n", "-------------\n"};
-    EXPECT_EQ(0, DTTable_Show(t));
-    EXPECT_EQ(lines, dttest::Console());
-    dttest::ClearConsole();
-    DTTable_ShowToBuf(t, reinterpret_cast<DTBuf *>(uintptr_t{100}));  // small addresses mean none
-    EXPECT_EQ(lines, dttest::Console());
-    dttest::ClearConsole();
     // The caller's buffer gets the text without footer; one that fills drops what
     // it holds and starts again at its beginning, so it ends with the tail.
     char buf[200];
@@ -150,13 +140,24 @@ TEST(DTTableRender, ExampleOnEverySinkThenCleared) {
         EXPECT_EQ('#', buf[0]);
     }
     EXPECT_TRUE(dttest::Console().empty());
+    EXPECT_EQ(kExample, ToBuf(t));
+    std::vector<std::string> lines = {"*************\n   Memory\n*************\n", " name   size \n",
+                                      " -----  ---- \n", "heap     1024\n", "stack      64\n",
+                                      "-------------\n", "total count = 2\n", "-------------\n"};
+    EXPECT_EQ(0, DTTable_Show(t));
+    EXPECT_EQ(lines, dttest::Console());
+    dttest::ClearConsole();
+    DTTable_ShowToBuf(t, reinterpret_cast<DTBuf *>(uintptr_t{100}));  // small addresses mean none
+    EXPECT_EQ(lines, dttest::Console());
     DTTable_SetTitle(t, 0, "name", DTTABLE_KIND_STRING, "%s", 'L');  // reuses the description
     DTTable_Set(t, 2, 0, "ghost");
     DTTable_ClearLines(t);  // the rows stay, empty
     EXPECT_EQ("************\n   Memory\n************\n name  size \n ----  ---- \n\n\n\n"
               "------------\ntotal count = 3\n------------\n", ToBuf(t));
     DTTable_Clear(t);  // the caption stays
-    EXPECT_EQ("\nMemory\n\n\n\n\ntotal count = 0\n\n", ToBuf(t));  // no columns is no width, not a hole
+    EXPECT_EQ("\nMemory\n\n\n\n\ntotal count = 0\n\n", ToBuf(t));
+    ASSERT_EQ(DTTable_ShowToBuffer(t, buf, 16), 11);  // no columns is no width, not a hole
+    EXPECT_EQ(std::string(buf, 11), "\nMemory\n\n\n\n");
     DTTable_SetCaption(t, nullptr);
     EXPECT_EQ("\n\n\ntotal count = 0\n\n", ToBuf(t));
     DTTable_Release(t);

@@ -31,7 +31,12 @@ DTTimer *Entry(int32_t pos) { return static_cast<DTTimer *>(DTList_Get(g_DTTimer
 // Registration sets every field of the entry, so clearing it first as well changes nothing.
 TEST(DTTimer, FiringRuleOnAControlledClock) {
     const uint32_t wrap = 4294967;  // the last reading before the clock starts again at 0
-    struct Case { DTTimerFn fn; uint32_t interval, registered; std::vector<uint32_t> passes, runs; int32_t status; };
+    struct Case {
+        DTTimerFn fn;
+        uint32_t interval, registered;
+        std::vector<uint32_t> passes, runs;
+        int32_t status;
+    };
     const Case cases[] = {
         {Record, 1000, 0, {100, 900, 999, 1000, 1100, 1999, 2000, 2100}, {1000, 2000}, 1},
         {Record, 250, 0, {100, 200, 300, 400, 500, 600, 700}, {300, 600}, 1},  // every third pass
