@@ -28,6 +28,9 @@ TEST(DTConfig, RepliesConvertAsIntegers) {
     };
     for (const auto &c : cases) EXPECT_EQ(DTConfig_IntFromReply_(c.result, c.reply, 7), c.value) << c.reply;
     EXPECT_EQ(DTConfig_TextFromReply_(1, "x", "dflt", nullptr), 1);
+    char out[8];
+    DTConfig_TextFromReply_(0, "x", "dflt", out);  // nothing received keeps the default
+    EXPECT_STREQ(out, "dflt");
 }
 
 // A namespace pair whose server side has three sockets: 0 takes broadcasts

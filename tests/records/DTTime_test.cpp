@@ -20,7 +20,8 @@ std::string Fmt(const char *pattern, int32_t t) {
 }
 
 // A token's width is 2 for upper case: deciding that with "> 'A'" in place of ">= 'A'"
-// changes nothing, as no token starts with 'A'; a null buffer comes back as 0 either way.
+// changes nothing, as no token starts with 'A'; a null buffer comes back as 0 either way;
+// the magnitude of 0 is 0 whether or not it is taken by negation.
 TEST(DTTime, FormatTokens) {
     setenv("TZ", "UTC", 1);
     tzset();
