@@ -22,35 +22,41 @@ int64_t MsSince(Clock::time_point t0) {
 }
 
 TEST(DTConfig, RepliesConvertAsIntegers) {
-    const struct {
-        int32_t result;
-        const char *reply;
-        int32_t value;
-    } cases[] = {
+    const struct { int32_t result; const char *reply; int32_t value; } cases[] = {
         {3, "0x10", 16}, {2, "010", 8},         {5, " 42abc", 42},       {3, "abc", 0},  {2, "-1", -1},
         {9, "4294967296", 0}, {9, "4294967295", -1}, {0, "12", 7}, {-1, "12", 7}, {1, nullptr, 7},
     };
     for (const auto &c : cases) EXPECT_EQ(DTConfig_IntFromReply_(c.result, c.reply, 7), c.value) << c.reply;
     EXPECT_EQ(DTConfig_TextFromReply_(1, "x", "dflt", nullptr), 1);
+    char out[8];
+    DTConfig_TextFromReply_(0, "x", "dflt", out);  // nothing received keeps the default
+    EXPECT_STREQ(out, "dflt");
 }
 
 // A namespace pair whose server side has three sockets: 0 takes broadcasts
 // only, 1 is 10.99.0.2:8999, 2 is 10.99.0.3:40000. The test thread is left in
-// the device side. Empty, or why the network could not be made.
-std::string Network(dttest::NetnsPair &ns, int socks[3]) {
-    std::string why = ns.Make();
-    if (!why.empty()) return why;
-    if (system(("ip -n " + ns.ServerName() + " addr add 10.99.0.3/32 dev lo").c_str()) != 0)
-        return "cannot add 10.99.0.3";
-    if (!ns.EnterServer()) return "cannot enter the server namespace";
-    socks[0] = DTSock_UDP_Create("255.255.255.255", 8999);
-    socks[1] = DTSock_UDP_Create("10.99.0.2", 8999);
-    socks[2] = DTSock_UDP_Create("10.99.0.3", 40000);
-    if (!ns.EnterDevice()) return "cannot enter the device namespace";
-    for (int i = 0; i < 3; ++i)
-        if (socks[i] < 0) return "cannot bind the server sockets";
-    return "";
-}
+// the device side; the test is skipped when the network cannot be made.
+class DTConfigNet : public testing::Test {
+  protected:
+    void SetUp() override {
+        std::string why = ns.Make();
+        if (!why.empty()) GTEST_SKIP() << why;
+        if (system(("ip -n " + ns.ServerName() + " addr add 10.99.0.3/32 dev lo").c_str()) != 0)
+            GTEST_SKIP() << "cannot add 10.99.0.3";
+        if (!ns.EnterServer()) GTEST_SKIP() << "cannot enter the server namespace";
+        socks[0] = DTSock_UDP_Create("255.255.255.255", 8999);
+        socks[1] = DTSock_UDP_Create("10.99.0.2", 8999);
+        socks[2] = DTSock_UDP_Create("10.99.0.3", 40000);
+        if (!ns.EnterDevice()) GTEST_SKIP() << "cannot enter the device namespace";
+        for (int i = 0; i < 3; ++i)
+            if (socks[i] < 0) GTEST_SKIP() << "cannot bind the server sockets";
+    }
+    void TearDown() override {
+        for (int s : socks) DTSock_UDP_Close(s);
+    }
+    dttest::NetnsPair ns;
+    int socks[3] = {-1, -1, -1};
+};
 
 // Datagrams waiting on a server socket, each one taken.
 int Pending(int sock) {
@@ -62,20 +68,13 @@ int Pending(int sock) {
 
 // The server's side, scripted: a step waits (2 s at most) for the next
 // request on socket `on` and answers with `reply` from socket `from`.
-struct Step {
-    int on;
-    std::string reply;
-    int from;
-};
+struct Step { int on; std::string reply; int from; };
 
 // A request is never empty ("=>config" at least), so refusing a length of 0 as
 // well as a negative one changes nothing. The terminator forced after the host's
 // formatter guards formatters that do not write one; the test platform's always does.
-TEST(DTConfig, FirstQueryBroadcastsThenFollowsWhoeverAnswered) {
-    dttest::NetnsPair ns;
-    int socks[3] = {-1, -1, -1};
-    std::string why = Network(ns, socks);
-    if (!why.empty()) GTEST_SKIP() << why;
+// The request goes out by its length, so the terminator written after it is never sent.
+TEST_F(DTConfigNet, FirstQueryBroadcastsThenFollowsWhoeverAnswered) {
     const Step steps[] = {{0, "9000", 1}, {1, "hello", 2}, {2, "", 2}, {2, std::string(1200, 'a'), 2}, {2, "max", 2}};
     std::string got[5];  // each step's request
     std::thread server([&] {
@@ -113,14 +112,9 @@ TEST(DTConfig, FirstQueryBroadcastsThenFollowsWhoeverAnswered) {
     EXPECT_EQ(got[2], "=>config s u -1");
     EXPECT_EQ(got[3], "=>config s t dflt");
     EXPECT_EQ(got[4].size(), 999u);
-    for (int s : socks) DTSock_UDP_Close(s);
 }
 
-TEST(DTConfig, NoServerWaitsOnceThenNeverSendsAgain) {
-    dttest::NetnsPair ns;
-    int socks[3] = {-1, -1, -1};
-    std::string why = Network(ns, socks);
-    if (!why.empty()) GTEST_SKIP() << why;
+TEST_F(DTConfigNet, NoServerWaitsOnceThenNeverSendsAgain) {
     Clock::time_point t0 = Clock::now();
     EXPECT_EQ(DTConfig_GetInt("a", "b", 5), 5);
     EXPECT_GE(MsSince(t0), 950);
@@ -131,21 +125,15 @@ TEST(DTConfig, NoServerWaitsOnceThenNeverSendsAgain) {
     EXPECT_LT(MsSince(t0), 200);
     EXPECT_EQ(Pending(socks[0]), 1) << "the broadcast";
     EXPECT_EQ(Pending(socks[1]), 0);
-    for (int s : socks) DTSock_UDP_Close(s);
 }
 
-TEST(DTConfig, TakenPortMeansNoQueryForGood) {
-    dttest::NetnsPair ns;
-    int socks[3] = {-1, -1, -1};
-    std::string why = Network(ns, socks);
-    if (!why.empty()) GTEST_SKIP() << why;
+TEST_F(DTConfigNet, TakenPortMeansNoQueryForGood) {
     int blocker = DTSock_UDP_Create("0.0.0.0", 8998);
     ASSERT_GE(blocker, 0);
     EXPECT_EQ(DTConfig_GetInt("a", "b", 5), 5);
     DTSock_UDP_Close(blocker);
     EXPECT_EQ(DTConfig_GetInt("a", "b", 5), 5) << "the port is free now, but too late";
     EXPECT_EQ(Pending(socks[0]), 0);
-    for (int s : socks) DTSock_UDP_Close(s);
 }
 
 }  // namespace

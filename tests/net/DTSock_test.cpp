@@ -33,9 +33,7 @@ std::string Next(int sock) {
     pollfd p{sock, POLLIN, 0};
     if (poll(&p, 1, 500) != 1) return "(none)";
     char buf[2000];
-    char from[16];
-    int32_t port = 0;
-    int32_t n = DTSock_UDP_RecvMessage(sock, from, &port, buf, sizeof buf - 1);
+    int32_t n = DTSock_UDP_RecvMessage(sock, nullptr, nullptr, buf, sizeof buf - 1);
     return n < 0 ? "(error)" : std::string(buf, n);
 }
 
@@ -45,7 +43,6 @@ TEST(DTSock, RefusalsBindingAndWaits) {
     int rx = DTSock_UDP_Create("127.0.0.1", 8999);
     ASSERT_GE(rx, 0);
     EXPECT_EQ(DTSock_UDP_Create("127.0.0.1", 8999), -1) << "taken";
-    EXPECT_EQ(DTSock_UDP_Create("192.0.2.1", 8999), -1) << "not an address of this host";
     for (int s : {DTSock_UDP_Create(nullptr, 8998), DTSock_UDP_Create("0.0.0.0", 0),
                   DTSock_UDP_Create("0.0.0.0", -5)}) {
         EXPECT_GE(s, 0);
@@ -53,12 +50,7 @@ TEST(DTSock, RefusalsBindingAndWaits) {
         DTSock_UDP_Close(s);
     }
     int tx = DTSock_UDP_Create(nullptr, 0);
-    const struct {
-        const char *what, *to;
-        int port;
-        const char *data;
-        int len, result;
-    } sends[] = {
+    const struct { const char *what, *to; int port; const char *data; int len, result; } sends[] = {
         {"no address", nullptr, 8999, "x", 1, 0},      {"no data", "127.0.0.1", 8999, nullptr, 1, -1},
         {"empty text", "127.0.0.1", 8999, "\0x", 2, -1}, {"bad port", "127.0.0.1", -1, "x", 1, -1},
         {"bad length", "127.0.0.1", 8999, "x", -1, -1},  {"accepted", "127.0.0.1", 8999, "ok", 2, 2},
@@ -133,10 +125,8 @@ TEST(DTSock, BroadcastThenUnicastInPrivateNetwork) {
     int tx = DTSock_UDP_Create("0.0.0.0", 8998);
     ASSERT_GE(rx, 0);
     ASSERT_GE(tx, 0);
-    const struct {
-        const char *to;
-        int permission;
-    } sends[] = {{"<BROADCAST>", 1}, {"10.99.0.2", 0}, {"<BROADCAST>", 1}};
+    const struct { const char *to; int permission; } sends[] = {
+        {"<BROADCAST>", 1}, {"10.99.0.2", 0}, {"<BROADCAST>", 1}};
     for (const auto &s : sends) {
         SCOPED_TRACE(s.to);
         EXPECT_EQ(DTSock_UDP_SendMessage(tx, s.to, 8999, s.to, 3), 3);

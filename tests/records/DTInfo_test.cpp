@@ -115,9 +115,30 @@ TEST(DTInfo, RingErasesARecordEndingAtTheAreaEnd) {
     for (int i = 0; i < 10; ++i) DTInfo_Append(info, "k", 1, d.data(), 98);
     ASSERT_EQ(4, DTInfo_Append(info, "z", 1, "", 0));
     ASSERT_EQ(1024u, info->freeAddr);
-    for (int i = 0; i < 12; ++i) EXPECT_EQ(102, DTInfo_Append(info, "k", 1, d.data(), 98)) << i;
     testing::internal::GetCapturedStdout();
+    testing::internal::CaptureStdout();
+    for (int i = 0; i < 12; ++i) EXPECT_EQ(102, DTInfo_Append(info, "k", 1, d.data(), 98)) << i;
+    std::string reports;
+    // One report per erasure, whichever path makes it: the write at the area's end
+    // erases the 4-byte record and then the first one.
+    for (int i = 0; i < 13; ++i) reports += "size 102";
+    EXPECT_EQ(reports, testing::internal::GetCapturedStdout());
     DTInfo_Release(info);
+}
+
+// The report of a write that makes room, through the unbuffered stream's
+// character-by-character path: one digit, the first of two digits, the first of three.
+TEST(DTInfo, RoomReportDigits) {
+    setvbuf(stdout, nullptr, _IONBF, 0);
+    for (uint16_t n : {4, 10, 100}) {
+        DTInfo *info = DTInfo_New(1024);
+        const std::string d(1021 - n, 'd');  // one record leaving n - 1 bytes free
+        testing::internal::CaptureStdout();  // a write that fits reports nothing
+        DTInfo_Append(info, "k", 1, d.data(), 1021 - n);
+        DTInfo_Append(info, "k", 1, d.data(), n - 4);
+        EXPECT_EQ("size " + std::to_string(n), testing::internal::GetCapturedStdout());
+        DTInfo_Release(info);
+    }
 }
 
 TEST(DTInfoPack, AddInfoLayoutFollowsFlag) {
@@ -148,6 +169,8 @@ TEST(DTInfoPack, AddInfoLargestRecord) {
     const std::string big(0xFFFF, 'b');
     for (uint32_t len1 : {0xFFFFu - 11, 0xFFFFu - 10}) DTInfo_AddInfo(info, 1, 12, big.data(), len1, "", 0, "", 0, 0);
     EXPECT_EQ(info->freeAddr, 3 + strlen("TBhI65524S0S0S") + 0xFFFF);
+    EXPECT_EQ(1, DTInfo_Append2Message(info, nullptr, 0, big.data(), 0xFFFE, "", 1));  // no key, no bytes
+    EXPECT_EQ(0, DTInfo_Append2Message(info, nullptr, 1, "x", 1, "", 0));
     DTInfo_Release(info);
 }
 

@@ -26,16 +26,15 @@ static std::string Flushed() {
 }
 
 TEST(DTLogger, WriteObeysFlagWord) {
-    struct Case {
-        uint32_t flags; int32_t level; const char *text, *echo; int32_t result; const char *key;
-    } cases[] = {
+    struct { uint32_t flags; int32_t level; const char *text, *echo; int32_t result; const char *key; } const
+        cases[] = {
         {255, 1, "hello", "", 32, "l"},   {255, 3, "boom", "boom\n", 31, "e"},
         {255, 0, "zero", "zero", 31, "l"}, {255, 2, "warn", "", 31, "w"},
         {0xC2, 1, "hi", "hi\n", 29, "l"},  {0xC2, 2, "x", "", -1, nullptr},
         {0x82, 1, "x", "x\n", -1, nullptr}, {0xC1, 0, "z", "z", 28, "l"},
         {0xC0, 7, "any", "any\n", 30, "l"}, {0xD0, 3, "", "", -1, nullptr},
     };
-    for (const Case &c : cases) {
+    for (const auto &c : cases) {
         SCOPED_TRACE(std::to_string(c.flags) + " level " + std::to_string(c.level));
         DTLogger *logger = DTLogger_New(c.flags);
         dttest::ClearConsole();
@@ -90,7 +89,8 @@ TEST(DTLogger, AppendShowAndIgnore) {
     ASSERT_EQ((int32_t)shown.size() + 1, DTBuf_Get(buf, 0, &text));
     EXPECT_EQ(shown, std::string((char *)text, shown.size()));
     EXPECT_EQ(std::vector<uint32_t>({1000, 1000}), dttest::Delays());
-    for (int i = 0; i < 247; ++i) DTLogger_Append(logger, 1, 0, "x");  // 497 records
+    // 401 records: the last one, index 400, is the fifth to pause before it.
+    for (int i = 0; i < 199; ++i) DTLogger_Append(logger, 1, 0, "x");
     dttest::ClearDelays();
     DTLogger_ShowToBuf(logger, buf);
     EXPECT_EQ(std::vector<uint32_t>(5, 1000), dttest::Delays());

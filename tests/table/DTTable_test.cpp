@@ -16,9 +16,6 @@ const std::string kBody = "*************\n   Memory\n*************\n name   size
 const std::string kExample = kBody + "-------------\ntotal count = 2\n-------------\n";
 
 DTTableTitle *Col(DTTable *t, int32_t col) { return static_cast<DTTableTitle *>(DTList_Get(t->titles, col)); }
-DTTableCell *Cell(DTTable *t, int32_t row, int32_t col) {
-    return static_cast<DTTableCell *>(DTList_Get(static_cast<DTList *>(DTList_Get(t->rows, row)), col));
-}
 
 DTTable *Example() {
     DTTable *t = DTTable_New();
@@ -41,6 +38,12 @@ std::string ToBuf(DTTable *t) {
     return out;
 }
 
+// Equal by design, so not cases: a formatter result of 0 taken from strlen of the
+// empty text it wrote; a new column's width starting at 1 (every render measures
+// first); a row list with a push limit (rows are only ever set); a read of a
+// missing column in an existing row (only defined columns hold cells); widening
+// to a width already held; a centring run of 0 blanks under a caption as wide as
+// the table.
 TEST(DTTable, ModelGrowsOnDemandAndRefusesWhatItCannotStore) {
     DTTable *t = DTTable_New();
     int32_t v = 7, got = 0;
@@ -59,7 +62,7 @@ TEST(DTTable, ModelGrowsOnDemandAndRefusesWhatItCannotStore) {
     EXPECT_EQ(6, DTTable_GetRowNum(t));
 
     // Caption, title and cell text keep 99 characters; a long format is dropped.
-    std::string s150(150, 'c'), fmt = "%d" + std::string(20, '.');
+    std::string s150(150, 'c'), fmt = "%d" + std::string(18, '.');  // 20: one too many
     DTTable_SetCaption(t, s150.c_str());
     EXPECT_EQ(s150.substr(0, 99), t->caption);
     DTTable_SetTitle(t, 2, s150.c_str(), DTTABLE_KIND_INT32, fmt.c_str(), 'R');
@@ -73,7 +76,6 @@ TEST(DTTable, ModelGrowsOnDemandAndRefusesWhatItCannotStore) {
     DTTable_Set(t, 1, 0, s150.c_str());
     EXPECT_EQ(s150.substr(0, 99), static_cast<char *>(DTTable_Get(t, 1, 0)));
     DTTable_Sum(t);
-    EXPECT_STREQ("", Cell(t, 5, 2)->text);
     EXPECT_STREQ("", Col(t, 2)->sumText);
     EXPECT_EQ(101, Col(t, 2)->width);      // from the title alone
     EXPECT_EQ(101, Col(t, 0)->width);      // the length the cell holds
@@ -81,34 +83,10 @@ TEST(DTTable, ModelGrowsOnDemandAndRefusesWhatItCannotStore) {
     DTTable_Release(t);
 }
 
-TEST(DTTable, ClearLinesClearAndReleaseGiveMemoryBack) {
-    int64_t before = dttest::LiveBlocks();
-    DTTable *t = Example();
-    DTTable_SetTitle(t, 0, "name", DTTABLE_KIND_STRING, "%s", 'L');  // reuses the description
-    DTTable_Set(t, 2, 0, "ghost");
-    DTTable_ClearLines(t);  // the rows stay, empty
-    EXPECT_EQ("************\n   Memory\n************\n name  size \n ----  ---- \n\n\n\n"
-              "------------\ntotal count = 3\n------------\n", ToBuf(t));
-    DTTable_Clear(t);  // the caption stays
-    EXPECT_EQ("\nMemory\n\n\n\n\ntotal count = 0\n\n", ToBuf(t));
-    char buf[16];
-    ASSERT_EQ(DTTable_ShowToBuffer(t, buf, sizeof buf), 11);  // no columns is no width, not a hole
-    EXPECT_EQ(std::string(buf, 11), "\nMemory\n\n\n\n");
-    DTTable_SetCaption(t, nullptr);
-    EXPECT_EQ("\n\n\ntotal count = 0\n\n", ToBuf(t));
-    DTTable_Release(t);
-    EXPECT_EQ(before, dttest::LiveBlocks());
-}
-
 // Single precision loses the small additions to 2^24; integers wrap.
 TEST(DTTable, SumTotalsInTheColumnsKind) {
-    struct {
-        uint32_t kind;
-        const char *format;
-        double values[3];
-        const char *sumText;
-        int32_t width;
-    } const cases[] = {
+    struct { uint32_t kind; const char *format; double values[3]; const char *sumText; int32_t width; } const
+        cases[] = {
         {DTTABLE_KIND_DOUBLE, "%.1f", {16777216, 1, 1}, "16777218.0", 12},
         {DTTABLE_KIND_FLOAT, "%.1f", {16777216, 1, 1}, "16777216.0", 12},
         {DTTABLE_KIND_INT32, "%d", {2147483647.0, 1, 0}, "-2147483648", 13},
@@ -140,31 +118,19 @@ TEST(DTTable, SumTotalsInTheColumnsKind) {
     DTTable_Release(t);
 }
 
-TEST(DTTableRender, ExampleIntoByteBufferAndOnConsole) {
+TEST(DTTableRender, ExampleOnEverySinkThenCleared) {
+    int64_t before = dttest::LiveBlocks();
     DTTable *t = Example();
-    EXPECT_EQ(kExample, ToBuf(t));
-    std::vector<std::string> lines = {"*************\n   Memory\n*************\n", " name   size \n",
-                                      " -----  ---- \n", "heap     1024\n", "stack      64\n",
-                                      "-------------\n", "total count = 2\n", "-------------\n"};
-    EXPECT_EQ(0, DTTable_Show(t));
-    EXPECT_EQ(lines, dttest::Console());
-    dttest::ClearConsole();
-    DTTable_ShowToBuf(t, reinterpret_cast<DTBuf *>(uintptr_t{100}));  // small addresses mean none
-    EXPECT_EQ(lines, dttest::Console());
-    DTTable_Release(t);
-}
-
-// The caller's buffer gets the text without footer; one that fills drops what
-// it holds and starts again at its beginning, so it ends with the tail.
-TEST(DTTableRender, CallersBufferHoldsTheTailOfTheTextWithoutFooter) {
-    DTTable *t = Example();
+    // The caller's buffer gets the text without footer; one that fills drops what
+    // it holds and starts again at its beginning, so it ends with the tail.
     char buf[200];
     EXPECT_EQ(static_cast<int32_t>(kBody.size()), DTTable_ShowToBuffer(t, buf, sizeof buf));
     EXPECT_EQ(kBody, std::string(buf, kBody.size()));
     for (int32_t size : {2, 5, 9, 16, 20, 33, 60}) {
         memset(buf, '#', sizeof buf);
         int32_t n = DTTable_ShowToBuffer(t, buf, size);
-        ASSERT_TRUE(n > 0 && n < size) << size << ": " << n;
+        ASSERT_GT(n, 0) << size;
+        ASSERT_LT(n, size);
         EXPECT_EQ(kBody.substr(kBody.size() - n), std::string(buf, n)) << size;
         EXPECT_EQ('#', buf[size]) << size;
     }
@@ -174,7 +140,28 @@ TEST(DTTableRender, CallersBufferHoldsTheTailOfTheTextWithoutFooter) {
         EXPECT_EQ('#', buf[0]);
     }
     EXPECT_TRUE(dttest::Console().empty());
+    EXPECT_EQ(kExample, ToBuf(t));
+    std::vector<std::string> lines = {"*************\n   Memory\n*************\n", " name   size \n",
+                                      " -----  ---- \n", "heap     1024\n", "stack      64\n",
+                                      "-------------\n", "total count = 2\n", "-------------\n"};
+    EXPECT_EQ(0, DTTable_Show(t));
+    EXPECT_EQ(lines, dttest::Console());
+    dttest::ClearConsole();
+    DTTable_ShowToBuf(t, reinterpret_cast<DTBuf *>(uintptr_t{100}));  // small addresses mean none
+    EXPECT_EQ(lines, dttest::Console());
+    DTTable_SetTitle(t, 0, "name", DTTABLE_KIND_STRING, "%s", 'L');  // reuses the description
+    DTTable_Set(t, 2, 0, "ghost");
+    DTTable_ClearLines(t);  // the rows stay, empty
+    EXPECT_EQ("************\n   Memory\n************\n name  size \n ----  ---- \n\n\n\n"
+              "------------\ntotal count = 3\n------------\n", ToBuf(t));
+    DTTable_Clear(t);  // the caption stays
+    EXPECT_EQ("\nMemory\n\n\n\n\ntotal count = 0\n\n", ToBuf(t));
+    ASSERT_EQ(DTTable_ShowToBuffer(t, buf, 16), 11);  // no columns is no width, not a hole
+    EXPECT_EQ(std::string(buf, 11), "\nMemory\n\n\n\n");
+    DTTable_SetCaption(t, nullptr);
+    EXPECT_EQ("\n\n\ntotal count = 0\n\n", ToBuf(t));
     DTTable_Release(t);
+    EXPECT_EQ(before, dttest::LiveBlocks());
 }
 
 // Missing cells are blank whatever the alignment, a centred odd surplus goes
