@@ -13,8 +13,7 @@ const uint32_t kFirst = 0x12345678;  // the first request's sequence
 
 // A well-formed collection: one section, one int carrying `value`.
 std::vector<Bytes> Stream(uint32_t seq, uint32_t value) {
-    return {Identity(seq), Msg(1, Entry(0, "s"), 40), Msg(2, Num(0x81, 0, 0, 1, value), 41),
-            Msg(2, {}, 42)};
+    return {Identity(seq), Msg(1, Entry(0, "s"), 40), Msg(2, Num(0x81, 0, 0, 1, value), 41), Msg(2, {}, 42)};
 }
 
 // The core's loop on a thread of its own, as a server runs it. Results are

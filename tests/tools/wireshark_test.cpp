@@ -3,9 +3,7 @@
 // a crafted stream with a corrupted header on a private loopback.
 #include <gtest/gtest.h>
 #include <sched.h>
-#include <signal.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
 #include <map>
 
@@ -15,6 +13,8 @@
 #include "dtnetns.h"
 #include "net/DTConfig.h"
 #include "net/DTSock.h"
+#include "stream_reader.h"
+#include "tool_process.h"
 
 namespace {
 
@@ -51,39 +51,21 @@ std::string Unfit() {
     return "";
 }
 
-// A child process through the shell, ended by a signal.
-struct Child {
-    pid_t pid = -1;
-    void Start(const std::string &cmd) {
-        pid = fork();
-        if (pid != 0) return;
-        execl("/bin/sh", "sh", "-c", ("exec " + cmd).c_str(), static_cast<char *>(nullptr));
-        _exit(127);
-    }
-    void Stop(int sig) {
-        if (pid <= 0) return;
-        kill(pid, sig);
-        waitpid(pid, nullptr, 0);
-        pid = -1;
-    }
-    ~Child() { Stop(SIGKILL); }
-};
-
 // dumpcap on every interface of the namespace it is started in, bounded to a
-// minute; Start returns once its file has been opened and the capture runs.
+// minute; Started says once its file has been opened and the capture runs.
 struct Capture {
     std::string file = "/tmp/dtkit-ws-" + std::to_string(getpid()) + ".pcapng";
-    Child child;
-    bool Start(const std::string &prefix, const std::string &iface) {
-        unlink(file.c_str());
-        child.Start(prefix + " dumpcap -q -i " + iface + " -a duration:60 -w " + file + " 2>/dev/null");
+    tp::Proc dumpcap;
+    Capture(const std::string &prefix, const std::string &iface)
+        : dumpcap(prefix + " dumpcap -q -i " + iface + " -a duration:60 -w " + file, "dumpcap") {}
+    bool Started() {
         struct stat st {};
         for (int i = 0; i < 200 && (stat(file.c_str(), &st) != 0 || st.st_size == 0); ++i) usleep(50 * 1000);
         usleep(300 * 1000);
         return st.st_size > 0;
     }
     // dumpcap writes its last packets out on SIGINT.
-    void Stop() { child.Stop(SIGINT); }
+    void Stop() { dumpcap.Stop(SIGINT); }
     // One tshark run over the capture: every occurrence of each field, in
     // frame order. A field whose only value in a frame is empty is not told
     // apart from one that is absent there.
@@ -105,12 +87,6 @@ struct Capture {
     ~Capture() { unlink(file.c_str()); }
 };
 
-std::string Hex(const std::string &bytes) {
-    static const char d[] = "0123456789abcdef";
-    std::string h;
-    for (unsigned char c : bytes) h += {d[c >> 4], d[c & 15]};
-    return h;
-}
 std::string Seq(int n, int period, char first) {
     std::string s;
     for (int i = 0; i < n; ++i) s += char(first + i % period);
@@ -149,12 +125,11 @@ TEST(WiresharkDissector, ShowsWhatTheHostAndTheServerPut) {
     why = ns.Make();
     if (!why.empty()) GTEST_SKIP() << why;
     const std::string srv = "ip netns exec " + ns.ServerName();
-    Capture cap;
-    ASSERT_TRUE(cap.Start(srv, "any")) << "dumpcap did not start";
-    const std::string conf = "/tmp/dtkit-ws-" + std::to_string(getpid()) + ".conf", dlog = conf + ".log";
+    Capture cap(srv, "any");
+    ASSERT_TRUE(cap.Started()) << "dumpcap did not start";
+    const std::string conf = "/tmp/dtkit-ws-" + std::to_string(getpid()) + ".conf";
     std::ofstream(conf) << "[net]\nmtu = 9000\nname = lab one\n";
-    Child daemon;
-    daemon.Start(srv + " " DTCONFIGD_COMMAND " " + conf + " >" + dlog + " 2>&1");
+    tp::Proc daemon(srv + " " DTCONFIGD_COMMAND " " + conf, "dtconfigd");
 
     ASSERT_TRUE(ns.EnterDevice());
     g_numbers = Collect_New("numbers", PutNumbers, nullptr);
@@ -162,8 +137,7 @@ TEST(WiresharkDissector, ShowsWhatTheHostAndTheServerPut) {
     ASSERT_TRUE(ct::StartAgent(0x01020000)) << "UDP 9099 is taken";
     Output(srv + " " DTCOLLECT_COMMAND " --sequence 77 10.99.0.1");
     // The server is slow to start under the emulator: 20 s at most.
-    for (int i = 0; i < 400 && Output("cat " + dlog + " 2>/dev/null").find("serving") == npos; ++i)
-        usleep(50 * 1000);
+    daemon.Until("serving", 20000);
     // The replies are checked on the wire below, as the dissector shows them.
     DTConfig_GetInt("net", "mtu", 1500);
     char name[1000];
@@ -185,7 +159,7 @@ TEST(WiresharkDissector, ShowsWhatTheHostAndTheServerPut) {
         {"dtkit.record.int", {"3735928559"}},
         {"dtkit.record.long", {"72623859790382856"}},
         {"dtkit.value.string", {"short one", kLong}},
-        {"dtkit.value.buffer", {Hex(kBlob)}},
+        {"dtkit.value.buffer", {dtcore::Hex(kBlob)}},
         {"dtkit.value.length", {"9", "3000", "2500", "0"}},
         {"dtkit.value.pieces", {"1", "3", "3", "1"}},
         // Records in stream order: int, long, then pieces, the last an empty string.
@@ -213,7 +187,6 @@ TEST(WiresharkDissector, ShowsWhatTheHostAndTheServerPut) {
     EXPECT_EQ(cap.Decode({"frame.number"}, kOurExperts).count("frame.number"), 0u)
         << "a clean collection has no expert entries";
     unlink(conf.c_str());
-    unlink(dlog.c_str());
 }
 
 // Plays the agent's side of a stream towards a listener of this process.
@@ -230,8 +203,8 @@ TEST(WiresharkDissector, MalformedMessagesGetExpertEntries) {
     if (!why.empty()) GTEST_SKIP() << why;
     if (unshare(CLONE_NEWNET) != 0) GTEST_SKIP() << "cannot make a network namespace";
     ASSERT_EQ(system("ip link set lo up"), 0);
-    Capture cap;
-    ASSERT_TRUE(cap.Start("", "lo")) << "dumpcap did not start";
+    Capture cap("", "lo");
+    ASSERT_TRUE(cap.Started()) << "dumpcap did not start";
     int l1 = -1, l2 = -1;
     const uint16_t named = ct::Listen(&l1), found = ct::Listen(&l2);
     ct::SendDatagram(ct::Request(16, 2, 5, named));
