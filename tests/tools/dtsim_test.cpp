@@ -82,16 +82,16 @@ TEST(DtsimFleet, AThousandDevicesGiveTheirOwnValuesAndMisbehavingOnesFailAlone) 
     std::vector<size_t> at{0};  // stream offsets of each message
     for (const dtsim::Message &m : r.messages) at.push_back(at.back() + 12 + m.payload.size());
     ASSERT_EQ(at.size(), 11u);
-    Sim sim("--devices 1000 --duration 120 --silent 2 --garbage 5 --drop 8 --stall 10");
+    Sim sim("--devices 1000 --duration 120 --wait 30 --silent 2 --garbage 5 --drop 8 --stall 10");
     ASSERT_TRUE(sim.Ready()) << sim.Text();
     std::string out, err;
-    EXPECT_EQ(Collect(1000, "--parallel 256 --sequence 77 --timeout 5", out, err), 1);
+    EXPECT_EQ(Collect(1000, "--parallel 256 --sequence 77 --timeout 10", out, err), 1);
     // The dropping device stops halfway through its sixth message.
     const std::map<uint32_t, std::string> failures = {
-        {2, "no connection from the device within 5 s"},
+        {2, "no connection from the device within 10 s"},
         {5, "at byte offset 16"},
         {8, "connection closed at byte offset " + std::to_string(at[5] + (at[6] - at[5]) / 2)},
-        {10, "within 5 s at byte offset " + std::to_string(at[2])},
+        {10, "within 10 s at byte offset " + std::to_string(at[2])},
     };
     const std::map<std::string, Lines> got = ByHost(out);
     int wrong = 0;  // a broken fleet reports its first few devices, not a thousand
