@@ -34,9 +34,11 @@ struct Proc {
         return Text().find(what) != std::string::npos;
     }
     // The exit status once it ends, after `sig` unless 0 (128 + the signal when
-    // one ended it); -1 when it still runs 20 s on.
+    // one ended it); -1 when it still runs 20 s on, or never started or was stopped
+    // before (a pid of -1 would signal every process).
     int Stop(int sig = SIGTERM) {
         int status = 0, ended = 0;
+        if (pid <= 0) return -1;
         if (sig != 0) kill(pid, sig);
         for (int i = 0; i < 2000 && (ended = waitpid(pid, &status, WNOHANG)) == 0; ++i) usleep(10000);
         if (ended != pid) return -1;
