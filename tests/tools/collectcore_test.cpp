@@ -8,13 +8,12 @@
 
 namespace {
 
-using cs::Bytes;
+using namespace cs;
 const uint32_t kFirst = 0x12345678;  // the first request's sequence
 
 // A well-formed collection: one section, one int carrying `value`.
 std::vector<Bytes> Stream(uint32_t seq, uint32_t value) {
-    return {cs::Identity(seq), cs::Msg(1, cs::Entry(0, "s"), 40), cs::Msg(2, cs::Num(0x81, 0, 0, 1, value), 41),
-            cs::Msg(2, {}, 42)};
+    return {Identity(seq), Msg(1, Entry(0, "s"), 40), Msg(2, Num(0x81, 0, 0, 1, value), 41), Msg(2, {}, 42)};
 }
 
 // The core's loop on a thread of its own, as a server runs it. Results are
@@ -55,7 +54,7 @@ struct Harness {
 // closed, and no collection is touched, not even the one whose sequence a
 // stranger repeats.
 TEST(CollectCore, ConnectionsFindTheirRequestWhateverTheOrderAndStrangersTouchNone) {
-    cs::Device a("127.0.0.2", 0), b("127.0.0.3", a.port);
+    Device a("127.0.0.2", 0), b("127.0.0.3", a.port);
     Harness h(a.port, 256);
     h.Submit("127.0.0.2");
     EXPECT_EQ(h.core.Queued(), 1u);
@@ -64,23 +63,23 @@ TEST(CollectCore, ConnectionsFindTheirRequestWhateverTheOrderAndStrangersTouchNo
     h.Submit("127.0.0.3");  // while the loop waits: the hand-off between threads
     ASSERT_TRUE(b.Receive(2000));
     std::vector<Bytes> stream = Stream(b.sequence, 0xB);
-    int fd = cs::Connect(b.replyPort);
-    ASSERT_TRUE(cs::Play(fd, {stream[0]}));
+    int fd = Connect(b.replyPort);
+    ASSERT_TRUE(Play(fd, {stream[0]}));
     // Sequence already bound, not in flight, negative; bad length, bad tail,
     // data first; silent, half an identity (both closed after 200 ms).
-    const Bytes strangers[] = {stream[0], cs::Identity(kFirst + 2), cs::Identity(kFirst | 0x80000000u),
-                               cs::Msg(0, {1, 2, 0, 0}, kFirst, 17), cs::Msg(0, {1, 2, 0, 1}, kFirst),
-                               cs::Msg(2, {1, 2, 0, 0}, kFirst), {}, Bytes(stream[0].begin(), stream[0].begin() + 10)};
+    const Bytes strangers[] = {stream[0], Identity(kFirst + 2), Identity(kFirst | 0x80000000u),
+                               Msg(0, {1, 2, 0, 0}, kFirst, 17), Msg(0, {1, 2, 0, 1}, kFirst),
+                               Msg(2, {1, 2, 0, 0}, kFirst), {}, Bytes(stream[0].begin(), stream[0].begin() + 10)};
     for (const Bytes &first : strangers) {
-        int other = cs::Connect(b.replyPort);
+        int other = Connect(b.replyPort);
         send(other, first.data(), first.size(), MSG_NOSIGNAL);
-        EXPECT_TRUE(cs::ClosedWithin(other, 1000));
+        EXPECT_TRUE(ClosedWithin(other, 1000));
         close(other);
     }
-    EXPECT_TRUE(cs::Play(fd, {stream.begin() + 1, stream.end()}));
+    EXPECT_TRUE(Play(fd, {stream.begin() + 1, stream.end()}));
     close(fd);
-    fd = cs::Connect(a.replyPort);
-    EXPECT_TRUE(cs::Play(fd, Stream(a.sequence, 0xA)));
+    fd = Connect(a.replyPort);
+    EXPECT_TRUE(Play(fd, Stream(a.sequence, 0xA)));
     close(fd);
     h.loop.join();
     EXPECT_EQ(a.sequence, kFirst);
@@ -95,19 +94,19 @@ TEST(CollectCore, ConnectionsFindTheirRequestWhateverTheOrderAndStrangersTouchNo
 // One misbehaving device costs its own slot until its deadline; at most
 // `parallel` collections are in flight, the rest wait their turn.
 TEST(CollectCore, EachMisbehavingDeviceFailsAloneWithinItsDeadline) {
-    cs::Device drop("127.0.0.2", 0), garbage("127.0.0.3", drop.port), silent("127.0.0.4", drop.port),
+    Device drop("127.0.0.2", 0), garbage("127.0.0.3", drop.port), silent("127.0.0.4", drop.port),
         good("127.0.0.5", drop.port);
     Harness h(drop.port, 2);
     for (const char *host : {"127.0.0.2", "127.0.0.3", "127.0.0.4", "127.0.0.9", "127.0.0.5"})
         h.Submit(host, 400);
     h.Start();
     int held = -1;  // the silent device's connection, left open
-    for (cs::Device *d : {&drop, &garbage, &silent, &good}) {
+    for (Device *d : {&drop, &garbage, &silent, &good}) {
         ASSERT_TRUE(d->Receive(2000));
-        int fd = cs::Connect(d->replyPort);
+        int fd = Connect(d->replyPort);
         std::vector<Bytes> stream = Stream(d->sequence, 5);
-        stream[1] = d == &garbage ? cs::Msg(7, {}, 1) : stream[1];
-        cs::Play(fd, {stream.begin(), stream.begin() + (d == &good ? 4 : d == &garbage ? 2 : 1)});
+        stream[1] = d == &garbage ? Msg(7, {}, 1) : stream[1];
+        Play(fd, {stream.begin(), stream.begin() + (d == &good ? 4 : d == &garbage ? 2 : 1)});
         if (d == &silent) held = fd;
         else close(fd);
     }
@@ -148,13 +147,6 @@ TEST(CollectCore, StoppingFailsWhatIsLeft) {
                                                 "the collector stopped before the collection began at byte offset 0"}));
 }
 
-using cs::Cat;
-using cs::Entry;
-using cs::Head;
-using cs::Msg;
-using cs::Num;
-using cs::Piece;
-
 // Feeds the stream in chunks of `chunk` bytes; how many messages were completed.
 size_t FeedAll(dtcore::StreamReader &r, const Bytes &stream, size_t chunk) {
     size_t acks = 0;
@@ -163,7 +155,7 @@ size_t FeedAll(dtcore::StreamReader &r, const Bytes &stream, size_t chunk) {
     return acks;
 }
 
-const Bytes kId = cs::Identity(5);
+const Bytes kId = Identity(5);
 const Bytes kList = Msg(1, Cat({Entry(0, "cpu"), Entry(1, "mem")}), 1);
 const Bytes kHead = Cat({kId, kList});  // 46 bytes: the first data message's payload starts at 58
 Bytes Data(const Bytes &payload, uint32_t seq = 2) { return Msg(2, payload, seq); }
@@ -181,7 +173,7 @@ TEST(StreamReader, EachBrokenRuleNamesItsOffsetAndKeepsWhatCameBefore) {
     const Bytes collection = Cat({kHead, Data(numbers), Data(texts, 3), Data({}, 4), Data({}, 5)});
     // Numbered by the device, whose counter wraps.
     const Bytes named = Piece(0x83, 65535, 0, 0, "a");
-    const Bytes selfTest = Cat({cs::Identity(0xFFFFFFFF), Data(Cat({named, Num(0x81, 1, 0, 6, 9)}), 0), Data(named, 1),
+    const Bytes selfTest = Cat({Identity(0xFFFFFFFF), Data(Cat({named, Num(0x81, 1, 0, 6, 9)}), 0), Data(named, 1),
                                 Data({}, 2)});
     Bytes cut = Data(Num(0x81, 0, 0, 0, 1));
     cut.pop_back();
@@ -206,13 +198,13 @@ TEST(StreamReader, EachBrokenRuleNamesItsOffsetAndKeepsWhatCameBefore) {
         {Msg(2, {}, 5), "message at byte offset 0 is of type 2 where the identity message", 0, 0},
         {Msg(0, {1, 2, 0, 0, 0}, 5), "identity message at byte offset 0 has length 17", 0, 0},
         {Msg(0, {1, 2, 0, 1}, 5), "identity message at byte offset 0 ends in 0x00 0x01", 0, 0},
-        {cs::Identity(6), "at byte offset 0 bears sequence 6, not the request's 5", 0, 0},
-        {Cat({kId, cs::Identity(1)}), "offset 16 is a second identity message", 1, 1},
+        {Identity(6), "at byte offset 0 bears sequence 6, not the request's 5", 0, 0},
+        {Cat({kId, Identity(1)}), "offset 16 is a second identity message", 1, 1},
         {Cat({kId, Data({}, 1)}), "offset 16 is of type 2 where the section list belongs", 1, 1},
         {Cat({kId, Msg(1, {}, 1)}), "offset 16 is a section list, which a self test never", 1, 1, true},
         {Cat({kHead, Msg(1, {}, 2)}), "offset 46 is a section list out of place", 2, 3},
         {Cat({kHead, Data({}, 3)}), "offset 46 bears sequence 3 where 2 follows", 2, 3},
-        {Cat({cs::Identity(9), Msg(1, {}, 11)}), "offset 16 bears sequence 11 where 10", 1, 1, false, 0},
+        {Cat({Identity(9), Msg(1, {}, 11)}), "offset 16 bears sequence 11 where 10", 1, 1, false, 0},
         {Cat({kId, Msg(1, Entry(1, "cpu"), 1)}), "entry at byte offset 28 has index 1 where 0", 1, 1},
         {Cat({kId, Msg(1, Cat({Entry(0, "a"), Entry(0, "b")}), 1)}), "offset 35 has index 0 where 1", 1, 2},
         {Cat({kId, Msg(1, Entry(0, ""), 1)}), "offset 28 has a name of 0 bytes", 1, 1},

@@ -1,8 +1,5 @@
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sched.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -17,6 +14,8 @@
 #include "exposition.h"
 #ifdef DTKIT_EXPORTER_COMMAND
 #include <httplib.h>
+
+#include "tool_process.h"
 #endif
 
 namespace {
@@ -99,50 +98,15 @@ TEST(ExporterRequests, CommandLine) {
 }
 
 #ifdef DTKIT_EXPORTER_COMMAND
-std::string ReadAll(const std::string &path) {
-    std::ifstream f(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
-}
 // promtool's complaint about exposition text; empty when it accepts it or is not installed.
 std::string Promtool(const std::string &text) {
-    const std::string base = "/tmp/dtkit-exporter-test-" + std::to_string(getpid());
-    std::ofstream(base + ".prom", std::ios::binary) << text;
-    const int rc = system(("! command -v promtool >/dev/null || promtool check metrics <" + base + ".prom >" + base +
-                           ".out 2>&1").c_str());
-    const std::string out = rc == 0 ? "" : "promtool: " + ReadAll(base + ".out");
-    remove((base + ".prom").c_str());
-    remove((base + ".out").c_str());
-    return out;
+    const std::string file = "/tmp/dtkit-exporter-test-" + std::to_string(getpid()) + ".prom";
+    std::ofstream(file, std::ios::binary) << text;
+    tp::Proc check("sh -c '! command -v promtool >/dev/null || promtool check metrics <" + file + "'", "promtool");
+    const int rc = check.Stop(0);
+    remove(file.c_str());
+    return rc == 0 ? "" : "promtool: " + check.Text();
 }
-
-// A program run by the test, standard output and error in one file.
-struct Program {
-    pid_t pid = -1;
-    std::string log;
-    Program(std::vector<std::string> args, const std::string &name)
-        : log("/tmp/dtkit-exporter-test-" + std::to_string(getpid()) + "-" + name) {
-        std::vector<char *> argv;
-        for (std::string &a : args) argv.push_back(&a[0]);
-        argv.push_back(nullptr);
-        const int out = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        if ((pid = fork()) == 0 && dup2(out, 1) == 1 && dup2(out, 2) == 2) execvp(argv[0], argv.data());
-        if (pid == 0) _exit(127);
-        close(out);
-    }
-    // Its exit status once it ends (after SIGTERM when `term`); -1 if it still runs after 20 s.
-    int Wait(bool term) {
-        int status = 0, ended = 0;
-        if (term) kill(pid, SIGTERM);
-        for (int i = 0; i < 2000 && (ended = waitpid(pid, &status, WNOHANG)) == 0; ++i) usleep(10000);
-        if (ended != pid) return -1;
-        pid = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    }
-    ~Program() {
-        if (pid > 0 && kill(pid, SIGKILL) == 0) waitpid(pid, nullptr, 0);
-        remove(log.c_str());
-    }
-};
 
 // "STATUS BODY", or "" when nothing answers.
 std::string Get(int port, const std::string &path, const httplib::Headers &headers = {}) {
@@ -174,19 +138,19 @@ void PutOdd(uint32_t type) {
 // name, and the exporter at its default address, once both are up. In a network
 // namespace of this test process alone (which needs root), so that the ports
 // are the test's own and no other agent answers on loopback.
-bool StartAgentAndExporter(std::unique_ptr<Program> &ex) {
+bool StartAgentAndExporter(std::unique_ptr<tp::Proc> &ex) {
     if (unshare(CLONE_NEWNET) != 0 || system("ip link set lo up") != 0) return false;
     g_numbers = Collect_New("numbers", PutNumbers, nullptr);
     g_odd = Collect_New("q\"b\\s\n\xe9\xc3\xa9", PutOdd, nullptr);
     std::thread([] { Collect_Init(0x01020000); }).detach();
-    ex.reset(new Program({DTKIT_EXPORTER_COMMAND, "--collect.parallel", "8"}, "ex"));
+    ex.reset(new tp::Proc(DTKIT_EXPORTER_COMMAND " --collect.parallel 8", "ex"));
     for (int i = 0; i < 400 && system("ss -Hlun 'sport = :9099' | grep -q .") != 0; ++i) usleep(50000);
     for (int i = 0; i < 400 && Get(9469, "/").empty(); ++i) usleep(50000);
     return true;
 }
 
 TEST(ExporterProgram, ProbesAnswerWhatTheSectionsPutManyAtOnceAndFailAlone) {
-    std::unique_ptr<Program> ex;
+    std::unique_ptr<tp::Proc> ex;
     if (!StartAgentAndExporter(ex)) GTEST_SKIP() << "needs root, for a network namespace of its own";
     const int port = 9469;
     const std::string values = "# TYPE dtkit_value gauge\n"
@@ -226,19 +190,19 @@ TEST(ExporterProgram, ProbesAnswerWhatTheSectionsPutManyAtOnceAndFailAlone) {
         EXPECT_NE(metrics.find(line), npos) << line << metrics;
     }
     EXPECT_EQ(Promtool(metrics.substr(4)), "");
-    Program busy({DTKIT_EXPORTER_COMMAND, "--web.listen-address=:9469"}, "busy");
-    EXPECT_EQ(busy.Wait(false), 1);
-    EXPECT_EQ(ReadAll(busy.log).find("dtkit_exporter: cannot listen on 0.0.0.0:9469: "), 0u);
-    EXPECT_EQ(ex->Wait(true), 0) << ReadAll(ex->log);
-    Program version({DTKIT_EXPORTER_COMMAND, "--version"}, "version");
-    EXPECT_EQ(version.Wait(false), 0);
-    EXPECT_TRUE(std::regex_match(ReadAll(version.log), std::regex("dtkit_exporter \\(dtkit\\) [0-9]+\\.[0-9]+\\.[0-9]+\n")));
-    Program help({DTKIT_EXPORTER_COMMAND, "--help"}, "help");
-    EXPECT_EQ(help.Wait(false), 0);
-    EXPECT_EQ(ReadAll(help.log).find("usage: dtkit_exporter [--web.listen-address ADDR:PORT]"), 0u);
-    Program bad({DTKIT_EXPORTER_COMMAND, "--collect.parallel", "0"}, "bad");
-    EXPECT_EQ(bad.Wait(false), 2);
-    EXPECT_EQ(ReadAll(bad.log).find("dtkit_exporter: bad value for --collect.parallel: 0\nusage: dtkit_exporter "), 0u);
+    tp::Proc busy(DTKIT_EXPORTER_COMMAND " --web.listen-address=:9469", "busy");
+    EXPECT_EQ(busy.Stop(0), 1);
+    EXPECT_EQ(busy.Text().find("dtkit_exporter: cannot listen on 0.0.0.0:9469: "), 0u);
+    EXPECT_EQ(ex->Stop(), 0) << ex->Text();
+    tp::Proc version(DTKIT_EXPORTER_COMMAND " --version", "version");
+    EXPECT_EQ(version.Stop(0), 0);
+    EXPECT_TRUE(std::regex_match(version.Text(), std::regex("dtkit_exporter \\(dtkit\\) [0-9]+\\.[0-9]+\\.[0-9]+\n")));
+    tp::Proc help(DTKIT_EXPORTER_COMMAND " --help", "help");
+    EXPECT_EQ(help.Stop(0), 0);
+    EXPECT_EQ(help.Text().find("usage: dtkit_exporter [--web.listen-address ADDR:PORT]"), 0u);
+    tp::Proc bad(DTKIT_EXPORTER_COMMAND " --collect.parallel 0", "bad");
+    EXPECT_EQ(bad.Stop(0), 2);
+    EXPECT_EQ(bad.Text().find("dtkit_exporter: bad value for --collect.parallel: 0\nusage: dtkit_exporter "), 0u);
 }
 
 // The value Prometheus' query API gives for the dtkit_value series with these
@@ -256,7 +220,7 @@ TEST(ExporterProgram, PrometheusReadsTheSectionsValuesThroughTheExporter) {
     if (system("command -v prometheus >/dev/null") != 0) {
         GTEST_SKIP() << "prometheus is not installed (Debian: prometheus; scripts/test.sh installs it as root)";
     }
-    std::unique_ptr<Program> ex;
+    std::unique_ptr<tp::Proc> ex;
     if (!StartAgentAndExporter(ex)) GTEST_SKIP() << "needs root, for a network namespace of its own";
     char dir[] = "/tmp/dtkit-prometheus-XXXXXX";
     ASSERT_NE(mkdtemp(dir), nullptr);
@@ -267,13 +231,14 @@ TEST(ExporterProgram, PrometheusReadsTheSectionsValuesThroughTheExporter) {
            "      - {source_labels: [__address__], target_label: __param_target}\n"
            "      - {source_labels: [__param_target], target_label: instance}\n"
            "      - {target_label: __address__, replacement: '127.0.0.1:9469'}\n";
-    Program prom({"prometheus", "--config.file=" + std::string(dir) + "/prometheus.yml", "--storage.tsdb.path=" +
-                  std::string(dir) + "/data", "--web.listen-address=127.0.0.1:9090"}, "prom");
+    tp::Proc prom("prometheus --config.file=" + std::string(dir) + "/prometheus.yml --storage.tsdb.path=" +
+                      std::string(dir) + "/data --web.listen-address=127.0.0.1:9090",
+                  "prom");
     std::string json;
     for (int i = 0; i < 240 && json.find("\"1\"]") == npos; ++i, usleep(250000)) {
         json = Get(9090, "/api/v1/query?query=dtkit_probe_success");
     }
-    ASSERT_NE(json.find("\"1\"]"), npos) << json << ReadAll(prom.log);
+    ASSERT_NE(json.find("\"1\"]"), npos) << json << prom.Text();
     json = Get(9090, "/api/v1/query?query=dtkit_value");
     const std::string where = "\"instance\":\"127.0.0.1\",\"job\":\"dtkit\",";
     EXPECT_EQ(SeriesValue(json, "\"block\":\"7\",\"code\":\"1\"," + where + "\"section\":\"numbers\""), "3735928559") << json;
@@ -281,9 +246,9 @@ TEST(ExporterProgram, PrometheusReadsTheSectionsValuesThroughTheExporter) {
     EXPECT_EQ(SeriesValue(json, "\"block\":\"7\",\"code\":\"1\"," + where + "\"repeat\":\"1\",\"section\":\"numbers\""), "5");
     // The section q"b\s, a line feed, byte e9, e-acute: \\ and \xe9 in the label value, then JSON's escaping.
     EXPECT_EQ(SeriesValue(json, "\"block\":\"0\",\"code\":\"9\"," + where + "\"section\":\"q\\\"b\\\\\\\\s\\\\x0a\\\\xe9\xc3\xa9\""), "1");
-    EXPECT_EQ(prom.Wait(true), 0);
+    EXPECT_EQ(prom.Stop(), 0);
     EXPECT_EQ(system(("rm -rf " + std::string(dir)).c_str()), 0);
-    EXPECT_EQ(ex->Wait(true), 0) << ReadAll(ex->log);
+    EXPECT_EQ(ex->Stop(), 0) << ex->Text();
 }
 #else
 TEST(ExporterProgram, Skipped) { GTEST_SKIP() << "built without the HTTP library (cpp-httplib): no dtkit_exporter here"; }

@@ -1,7 +1,7 @@
 # The dissector's tests run tshark with the Lua file from the source tree,
 # over what the library's agent, dtcollect and dtconfigd send.
 if(TARGET test_wireshark_test)
-  target_link_libraries(test_wireshark_test PRIVATE dtkit_static)
+  target_link_libraries(test_wireshark_test PRIVATE dtkit_static collectcore)
   add_dependencies(test_wireshark_test dtcollect dtconfigd)
   string(REPLACE ";" " " _ws_emulator "${CMAKE_CROSSCOMPILING_EMULATOR}")
   target_compile_definitions(test_wireshark_test PRIVATE
