@@ -92,7 +92,10 @@ TEST(DTHash, RefusedArguments) {
     EXPECT_EQ(DTHash_Set(h, nullptr, &v), 0);
     EXPECT_EQ(DTHash_Set(h, &v, nullptr), 0);
     EXPECT_EQ(Get(h, nullptr), -1);
-    EXPECT_EQ(DTHash_Find(h, nullptr, nullptr), nullptr);
+    ASSERT_EQ(DTHash_Set(h, &v, &v), 1);
+    EXPECT_EQ(DTHash_Find(h, nullptr, nullptr), nullptr) << "no visitor, with a bucket to visit";
+    DTHash_Show(nullptr);
+    DTHash_ShowDepth(nullptr);
     DTHash_Delete(h, nullptr);
     DTHash_Release(h);
 

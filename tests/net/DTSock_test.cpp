@@ -42,7 +42,12 @@ std::string Next(int sock) {
 TEST(DTSock, RefusalsBindingAndWaits) {
     int rx = DTSock_UDP_Create("127.0.0.1", 8999);
     ASSERT_GE(rx, 0);
+    const int lowest = dup(0);  // the descriptor a new socket gets
+    close(lowest);
     EXPECT_EQ(DTSock_UDP_Create("127.0.0.1", 8999), -1) << "taken";
+    const int again = dup(0);
+    EXPECT_EQ(again, lowest) << "the refused socket is closed";
+    close(again);
     for (int s : {DTSock_UDP_Create(nullptr, 8998), DTSock_UDP_Create("0.0.0.0", 0),
                   DTSock_UDP_Create("0.0.0.0", -5)}) {
         EXPECT_GE(s, 0);

@@ -86,6 +86,7 @@ TEST(DTBuffer, DumpLines) {
                      "0007[T]=>2026/11/17 09:05:03<\n", "0008[4s]=>ab<\n", "0009[1S]=>\n", "01 \n"}),
               Dump("*BbHh I.i T4s1S", rec));
     EXPECT_EQ((Lines{"format:*S\n", "0001[0S]=>\n", "\n"}), Dump("*S", {0}));
+    EXPECT_EQ((Lines{"format:*1s\n", "0001[1s]=>x<\n"}), Dump("*1s", {'x'}));
 }
 
 TEST(DTBuffer, DumpLongFieldsWhole) {

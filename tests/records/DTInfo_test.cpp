@@ -153,6 +153,8 @@ TEST(DTInfoPack, AddInfoLayoutFollowsFlag) {
         uint32_t cursor = DTINFO_START;
         char format[300];
         void *data = nullptr;
+        EXPECT_EQ(0, DTInfo_GetPack(info, &cursor, nullptr, &data)) << "no format buffer";
+        EXPECT_EQ(0, DTInfo_GetPack(info, &cursor, format, nullptr)) << "no data pointer";
         ASSERT_EQ(1, DTInfo_GetPack(info, &cursor, format, &data));
         EXPECT_STREQ(c.format, format);
         std::string tail = std::string("\x01") + char(c.id >> 8) + char(c.id & 0xFF) +

@@ -33,6 +33,7 @@ TEST(DTLogger, WriteObeysFlagWord) {
         {0xC2, 1, "hi", "hi\n", 29, "l"},  {0xC2, 2, "x", "", -1, nullptr},
         {0x82, 1, "x", "x\n", -1, nullptr}, {0xC1, 0, "z", "z", 28, "l"},
         {0xC0, 7, "any", "any\n", 30, "l"}, {0xD0, 3, "", "", -1, nullptr},
+        {0xC2, 0, "z", "", -1, nullptr},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(std::to_string(c.flags) + " level " + std::to_string(c.level));
