@@ -37,6 +37,7 @@ std::string g_trace;
 // Set in a child: the first write to a file lets g_second go and waits, and
 // every such write is counted in shared memory.
 volatile int *g_fileWrites;
+std::vector<size_t> *g_writeSizes;  // the sizes of writes to files, when set
 time_t g_now;  // the clock, when set
 char g_fail;   // 'f': fsync of a file fails, 'w': a write to a file fails, 'c': closing a file fails
 volatile int g_second;
@@ -54,6 +55,7 @@ void Step(char kind) {
 
 extern "C" ssize_t write(int fd, const void *b, size_t n) {
     if (IsA(fd, S_IFREG)) Step('w');
+    if (g_writeSizes && IsA(fd, S_IFREG)) g_writeSizes->push_back(n);
     if (g_fail == 'w' && IsA(fd, S_IFREG)) {
         errno = EIO;
         return -1;
@@ -476,7 +478,15 @@ TEST_F(Crash, CrashSaveWritesWhatTheSaveWrites) {
     DTFault_SetValue(f[0], 2, std::string(5000, 'w').data(), 5000);
     DTFault_SetValue(f[2], 3, std::string(DTFAULT_VALUE_MAX - 30, 'x').data(), DTFAULT_VALUE_MAX - 30);
     ASSERT_EQ(DTFault_SaveOnCrash(f[2]), 0);
+    std::vector<size_t> writes;
+    g_writeSizes = &writes;
     DTFault_CrashSave_(SIGFPE, nullptr, nullptr);
+    g_writeSizes = nullptr;
+    // Whole 64 KiB chunks at chunk edges, but for the writes before the two
+    // values longer than the buffer's slack, and the last.
+    size_t at = 0, offEdge = 0;
+    for (size_t n : writes) offEdge += (at += n) % 65536 != 0;
+    EXPECT_LE(offEdge, 3u);
     Bytes crash = ReadFcm();
     DTFault_Start();
     Bytes normal = ReadFcm();
