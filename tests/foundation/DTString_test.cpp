@@ -46,7 +46,7 @@ TEST(DTString, SplitInPlace) {
     struct { const char *text, *sep; int32_t max; std::vector<std::string> parts; } cases[] = {
         {"a,b,c", ",", 0, {"a", "b", "c"}}, {"a,b,c", ",", 2, {"a", "b,c"}}, {"a,b,c", ",", -1, {"a,b,c"}},
         {"key==value", "==", 0, {"key", "value"}}, {"", ",", 0, {""}}, {"a,,b", ",", 0, {"a", "", "b"}},
-        {"a==", "==", 0, {"a", ""}}, {"abc", "", 0, {"abc"}},
+        {"a==", "==", 0, {"a", ""}}, {"abc", "", 0, {"abc"}}, {",a", ",", 0, {"", "a"}},
     };
     for (const auto &c : cases) {
         char str[32];
