@@ -14,42 +14,6 @@ namespace {
 
 const size_t npos = std::string::npos;
 
-// A string value and its section name as JSON: valid UTF-8 as a JSON string
-// (control characters, DEL, quote and backslash escaped), anything else as
-// hex under "value_hex" and "section_hex"; a buffer always as hex.
-TEST(DtcollectJson, EveryByteStringComesBackWhole) {
-    const struct {
-        std::string bytes;
-        std::string json;  // empty: not valid UTF-8
-    } cases[] = {
-        {"", R"("")"},
-        {"plain \"quoted\" back\\slash /", R"("plain \"quoted\" back\\slash /")"},
-        {std::string("\n\t\x01\x1f\x7f\x00", 6), R"("\u000a\u0009\u0001\u001f\u007f\u0000")"},
-        {"\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80\xef\xbf\xbf\xf4\x8f\xbf\xbf",  // up to U+10FFFF
-         "\"\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80\xef\xbf\xbf\xf4\x8f\xbf\xbf\""},
-        {"\xe9", ""},  // the Latin-1 byte that "\xc3\xa9" must not be confused with
-        {"ok \xc3", ""},  // cut sequence
-        {"\xe2\x82" "a", ""},
-        {"\xc0\x80", ""},          // overlong
-        {"\xed\xa0\x80", ""},      // surrogate
-        {"\xf4\x90\x80\x80", ""},  // past U+10FFFF
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(dtcore::Hex(c.bytes));
-        dtcore::Event e;
-        e.kind = dtcore::kString;
-        e.named = true;
-        e.name = c.bytes;
-        e.bytes = c.bytes;
-        const std::string hex = "_hex\":\"" + dtcore::Hex(c.bytes) + "\"";
-        const std::string json = dtcore::FormatJson("h", e);
-        EXPECT_NE(json.find("\"section" + (c.json.empty() ? hex : "\":" + c.json) + ","), npos) << json;
-        EXPECT_NE(json.find("\"value" + (c.json.empty() ? hex : "\":" + c.json) + "}"), npos) << json;
-        e.kind = dtcore::kBuffer;
-        EXPECT_NE(dtcore::FormatJson("h", e).find(",\"value" + hex.substr(4) + "}"), npos);
-    }
-}
-
 // The whole program in-process; standard input is `input`.
 int Dtcollect(const std::vector<std::string> &args, std::string &out, std::string &err, const std::string &input = "") {
     std::istringstream in(input);
@@ -71,7 +35,6 @@ TEST(DtcollectArgs, UsageAndBadUsage) {
         {{"h", "--version"}, "", "", "dtcollect (dtkit) "},
         {{"--help", "--bogus"}, "", "", "usage: dtcollect "},
         {{}, "", "no HOST given"},
-        {{"--hosts-file", "-"}, "# only a comment\n\n", "no HOST given"},
         {{"--type", "3", "h"}, "", "bad value for --type: 3"},
         {{"--type", "1", "--selftest", "h"}, "", "--type and --selftest exclude each other"},
         {{"--parallel", "0", "h"}, "", "bad value for --parallel: 0"},
