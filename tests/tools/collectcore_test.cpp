@@ -227,8 +227,7 @@ TEST(StreamReader, EachBrokenRuleNamesItsOffsetAndKeepsWhatCameBefore) {
          "closed at byte offset 74, inside the message begun at byte offset 46 (28 of 29", 2, 3},
         {kId, "connection closed at byte offset 16 before the section list", 1, 1},
         {Cat({kHead, Data(Num(0x81, 0, 0, 0, 1))}), "closed at byte offset 75 before the closing empty data", 3, 4},
-        {Cat({kHead, Data(Full(0x04))}), "closed at byte offset 1082 with the buffer value begun at byte offset 58", 3,
-         3},
+        {Cat({kHead, Data(Full(0x04))}), "offset 1082 with the buffer value begun at byte offset 58", 3, 3},
         {{}, "closed at byte offset 0 before the identity message", 0, 0},
     };
     for (const Case &c : cases) {
