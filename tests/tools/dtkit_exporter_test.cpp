@@ -129,7 +129,8 @@ void PutOdd(uint32_t type) {
 // The library's agent on a thread of this process, with a section of awkward
 // name, and the exporter at its default address. In a network namespace of
 // this test process alone (which needs root), so that the ports are the test's
-// own and no other agent answers on loopback.
+// own and no other agent answers on loopback. Last, Prometheus scrapes the
+// exporter as the README's configuration says, the device as the target.
 TEST(ExporterProgram, ProbesAnswerWhatTheSectionsPutManyAtOnceAndFailAlone) {
     if (unshare(CLONE_NEWNET) != 0 || system("ip link set lo up") != 0) {
         GTEST_SKIP() << "needs root, for a network namespace of its own";
@@ -140,12 +141,13 @@ TEST(ExporterProgram, ProbesAnswerWhatTheSectionsPutManyAtOnceAndFailAlone) {
     tp::Proc ex(DTKIT_EXPORTER_COMMAND " --collect.parallel 8", "ex");
     for (int i = 0; i < 400 && system("ss -Hlun 'sport = :9099' | grep -q .") != 0; ++i) usleep(50000);
     for (int i = 0; i < 400 && Get(9469, "/").empty(); ++i) usleep(50000);
+    const std::string odd = "q\\\"b\\\\\\\\s\\\\x0a\\\\xe9\xc3\xa9";  // \\ and \xe9 in the label, then C's escaping
     const std::string values = "# TYPE dtkit_value gauge\n"
                                "dtkit_value{section=\"numbers\",block=\"7\",code=\"1\"} 3735928559\n"
                                "dtkit_value{section=\"numbers\",block=\"7\",code=\"2\"} 1099511627783\n"
                                "dtkit_value{section=\"numbers\",block=\"7\",code=\"1\",repeat=\"1\"} 5\n"
                                "dtkit_value{section=\"numbers\",block=\"7\",code=\"3\"} 18446744073709551615\n"
-                               "dtkit_value{section=\"q\\\"b\\\\\\\\s\\\\x0a\\\\xe9\xc3\xa9\",block=\"0\",code=\"9\"} 2\n# HELP";
+                               "dtkit_value{section=\"" + odd + "\",block=\"0\",code=\"9\"} 2\n# HELP";
     // Probes at once share the one core, and each gets the device's answer whole.
     std::vector<std::string> bodies(12);
     std::vector<std::thread> threads;
@@ -189,6 +191,34 @@ TEST(ExporterProgram, ProbesAnswerWhatTheSectionsPutManyAtOnceAndFailAlone) {
     tp::Proc bad(DTKIT_EXPORTER_COMMAND " --collect.parallel 0", "bad");
     EXPECT_EQ(bad.Stop(0), 2);
     EXPECT_EQ(bad.Text().find("dtkit_exporter: bad value for --collect.parallel: 0\nusage: dtkit_exporter "), 0u);
+    if (system("command -v prometheus >/dev/null") != 0) {
+        EXPECT_EQ(ex.Stop(), 0) << ex.Text();
+        GTEST_SKIP() << "prometheus is not installed (Debian: prometheus; scripts/test.sh installs it as root)";
+    }
+    g_stall = false;
+    char dir[] = "/tmp/dtkit-prometheus-XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    std::ofstream(std::string(dir) + "/prometheus.yml")
+        << "global: {scrape_interval: 1s, scrape_timeout: 1s}\nscrape_configs:\n"
+           "  - job_name: dtkit\n    metrics_path: /probe\n    params: {type: ['1']}\n"
+           "    static_configs: [{targets: ['127.0.0.1']}]\n    relabel_configs:\n"
+           "      - {source_labels: [__address__], target_label: __param_target}\n"
+           "      - {source_labels: [__param_target], target_label: instance}\n"
+           "      - {target_label: __address__, replacement: '127.0.0.1:9469'}\n";
+    tp::Proc prom("prometheus --config.file=" + std::string(dir) + "/prometheus.yml --storage.tsdb.path=" + dir +
+                      "/data --web.listen-address=127.0.0.1:9090", "prom");
+    // The series as the query API writes it (labels sorted, JSON's escaping on
+    // top), and its value: the type the probe asked for.
+    const std::string series = "\"instance\":\"127.0.0.1\",\"job\":\"dtkit\",\"section\":\"" + odd + "\"},\"value\":[";
+    std::string json;
+    for (int i = 0; i < 240 && json.find(series) == npos; ++i, usleep(250000)) {
+        json = Get(9090, "/api/v1/query?query=dtkit_value%7Bcode%3D%229%22%7D");
+    }
+    const size_t at = json.find(series);
+    ASSERT_NE(at, npos) << json << prom.Text();
+    EXPECT_EQ(json.substr(json.find(",\"", at + series.size()), 6), ",\"1\"]}") << json;
+    EXPECT_EQ(prom.Stop(), 0);
+    EXPECT_EQ(system(("rm -rf " + std::string(dir)).c_str()), 0);
     EXPECT_EQ(ex.Stop(), 0) << ex.Text();
 }
 #else
