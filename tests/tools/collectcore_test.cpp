@@ -240,6 +240,15 @@ TEST(StreamReader, EachBrokenRuleNamesItsOffsetAndKeepsWhatCameBefore) {
             EXPECT_EQ(r.TakeEvents().size(), c.events);
         }
     }
+    // The collection's events, as dtcollect prints them.
+    dtcore::StreamReader r(false, 5, dtcore::kDefaultMaxValue);
+    FeedAll(r, collection, 4096);
+    std::string text;
+    for (const dtcore::Event &e : r.TakeEvents()) text += dtcore::FormatText("h", e) + "\n";
+    EXPECT_EQ(text, "h identity 01 02 sequence 5\nh section 0 \"cpu\"\nh section 1 \"mem\"\n"
+                    "h \"cpu\" #0 block 7 code 1 int 42\nh \"cpu\" #0 block 7 code 2 long 1 (0x0000000000000001)\n"
+                    "h \"mem\" #1 block 0 code 3 string 974 \"" + split + "llo\"\n"
+                    "h \"mem\" #1 block 0 code 5 string 0 \"\"\nh \"mem\" #1 block 0 code 4 buffer 1 62\n");
 }
 
 // A string value and its section name as JSON: valid UTF-8 as a JSON string
