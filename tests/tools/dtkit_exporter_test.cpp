@@ -75,6 +75,7 @@ TEST(ExporterRequests, CommandLine) {
         {{"--web.listen-address=[]:80"}, "bad value for --web.listen-address: []:80"},
         {{"--collect.timeout", "3600.5"}, "bad value for --collect.timeout: 3600.5"},
         {{"--collect.parallel", "4097"}, "bad value for --collect.parallel: 4097"},
+        {{"--collect.parallel", "0000000001"}, "bad value for --collect.parallel: 0000000001"},  // 10 digits
         {{"--collect.parallel"}, "--collect.parallel needs a value"},
         {{"--bogus", "host"}, "unknown option --bogus"},
     };
