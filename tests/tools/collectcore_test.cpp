@@ -56,6 +56,9 @@ struct Harness {
 // stranger repeats. Then one misbehaving device after the other costs its own
 // slot until its deadline; at most `parallel` collections are in flight, the
 // rest wait their turn.
+// Equivalent mutants left: collect_core.cpp:64 (a dotted quad sent on to the
+// resolver, which gives the same address) and :163 (Open's early return for
+// an epoll fd of 0, which standard input always holds).
 TEST(CollectCore, ConnectionsFindTheirRequestAndEachMisbehavingDeviceFailsAlone) {
     Device a("127.0.0.2", 0), b("127.0.0.3", a.port), drop("127.0.0.4", a.port), garbage("127.0.0.5", a.port),
         silent("127.0.0.6", a.port);
@@ -254,6 +257,8 @@ TEST(StreamReader, EachBrokenRuleNamesItsOffsetAndKeepsWhatCameBefore) {
 // A string value and its section name as JSON: valid UTF-8 as a JSON string
 // (control characters, DEL, quote and backslash escaped), anything else as
 // hex under "value_hex" and "section_hex"; a buffer always as hex.
+// Equivalent mutant left: stream_reader.cpp:366 (IsUtf8 reading s[s.size()],
+// the string's terminating zero, a one-byte character).
 TEST(CollectJson, EveryByteStringComesBackWhole) {
     const struct {
         std::string bytes;
