@@ -1,17 +1,13 @@
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <fstream>
 #include <sstream>
-#include <string>
 
 #include "config_core.h"
 #include "dtnetns.h"
 #include "net/DTConfig.h"
 #include "net/DTSock.h"
 #include "server.h"
+#include "tool_process.h"
 
 namespace {
 
@@ -134,45 +130,6 @@ TEST(DtconfigdProgram, RefusesAMalformedFileOrBadUsage) {
     unlink(good.c_str());
 }
 
-// dtconfigd as a child process (under the emulator when cross-built) in the
-// server side of a namespace pair, its output in a file the test reads.
-struct Daemon {
-    std::string log = TempFile("");
-    pid_t pid;
-    explicit Daemon(const std::string &command) : pid(fork()) {
-        if (pid != 0) return;
-        const std::string cmd = "exec " + command + " >" + log + " 2>&1";
-        execl("/bin/sh", "sh", "-c", cmd.c_str(), static_cast<char *>(nullptr));
-        _exit(127);
-    }
-    std::string Log() const {
-        std::ifstream in(log);
-        return std::string(std::istreambuf_iterator<char>(in), {});
-    }
-    // How often the log holds `text`, once it does `atLeast` times or 20 s
-    // have passed (the emulator is slow).
-    int Count(const std::string &text, int atLeast = 0) const {
-        for (int i = 0;; ++i) {
-            const std::string l = Log();
-            int n = 0;
-            for (size_t at = l.find(text); at != npos; at = l.find(text, at + 1)) ++n;
-            if (n >= atLeast || i == 400) return n;
-            usleep(50 * 1000);
-        }
-    }
-    // The exit code, or -1 after a signal.
-    int Stop(int sig) {
-        int status = -1;
-        if (pid > 0 && kill(pid, sig) == 0) waitpid(pid, &status, 0);
-        pid = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-    ~Daemon() {
-        Stop(SIGKILL);
-        unlink(log.c_str());
-    }
-};
-
 // Equal here, so not a case: the server asks only for IP_PKTINFO, so a control-message
 // filter that wanted level and type both wrong (&& for ||) passes the same one message.
 TEST(DtconfigdNamespace, LibraryGettersFindTheServerByBroadcastThenAskDirectly) {
@@ -180,8 +137,9 @@ TEST(DtconfigdNamespace, LibraryGettersFindTheServerByBroadcastThenAskDirectly) 
     std::string why = ns.Make();
     if (!why.empty()) GTEST_SKIP() << why;
     std::string conf = TempFile("[net]\nmtu = 9000\nname = lab one\n");
-    Daemon d("ip netns exec " + ns.ServerName() + " " DTCONFIGD_COMMAND " " + conf);
-    ASSERT_EQ(d.Count("serving 2 values", 1), 1) << d.Log();
+    // Under the emulator when cross-built, in the server side of the pair.
+    tp::Proc d("ip netns exec " + ns.ServerName() + " " DTCONFIGD_COMMAND " " + conf, "dtconfigd");
+    ASSERT_EQ(d.Count("serving 2 values", 1), 1) << d.Text();
     ASSERT_TRUE(ns.EnterDevice());
     EXPECT_EQ(DTConfig_GetInt("net", "mtu", 1500), 9000);
     char out[1000];
@@ -189,27 +147,27 @@ TEST(DtconfigdNamespace, LibraryGettersFindTheServerByBroadcastThenAskDirectly) 
     EXPECT_STREQ(out, "lab one");
     EXPECT_EQ(DTConfig_GetInt("net", "speed", 100), 100);
     // The server logs a query after replying to it: wait for the lines.
-    EXPECT_EQ(d.Count("query from 10.99.0.1:8998 to 10.99.0.2:", 2), 2) << d.Log();
-    EXPECT_EQ(d.Count("query from 10.99.0.1:8998 to 255.255.255.255:"), 1) << d.Log();
-    EXPECT_EQ(d.Count("[net] speed -> \"100\" (default)"), 1) << d.Log();
+    EXPECT_EQ(d.Count("query from 10.99.0.1:8998 to 10.99.0.2:", 2), 2) << d.Text();
+    EXPECT_EQ(d.Count("query from 10.99.0.1:8998 to 255.255.255.255:"), 1) << d.Text();
+    EXPECT_EQ(d.Count("[net] speed -> \"100\" (default)"), 1) << d.Text();
     std::ofstream(conf, std::ios::trunc) << "[net]\nmtu = 1400\n";
     kill(d.pid, SIGHUP);
-    ASSERT_EQ(d.Count("reloaded", 1), 1) << d.Log();
+    ASSERT_EQ(d.Count("reloaded", 1), 1) << d.Text();
     EXPECT_EQ(DTConfig_GetInt("net", "mtu", 1500), 1400);
     std::ofstream(conf, std::ios::trunc) << "[net\nmtu = 1\n";
     kill(d.pid, SIGHUP);
-    ASSERT_EQ(d.Count("reload refused", 1), 1) << d.Log();
-    EXPECT_EQ(d.Count(conf + ":1: section heading without a closing ']'"), 1) << d.Log();
+    ASSERT_EQ(d.Count("reload refused", 1), 1) << d.Text();
+    EXPECT_EQ(d.Count(conf + ":1: section heading without a closing ']'"), 1) << d.Text();
     EXPECT_EQ(DTConfig_GetInt("net", "mtu", 1500), 1400);
     int sock = DTSock_UDP_Create(nullptr, 0);
     char addr[20] = "10.99.0.2";
     int32_t port = 8999;
     char buf[1001] = "=>config net";
     EXPECT_EQ(DTSock_UDP_GetMessage(sock, addr, &port, buf, 12, 1000, 300), 0);
-    EXPECT_EQ(d.Count("malformed request from 10.99.0.1:", 1), 1) << d.Log();
+    EXPECT_EQ(d.Count("malformed request from 10.99.0.1:", 1), 1) << d.Text();
     DTSock_UDP_Close(sock);
     EXPECT_EQ(d.Stop(SIGTERM), 0);
-    EXPECT_EQ(d.Count("stopping on SIGTERM"), 1) << d.Log();
+    EXPECT_EQ(d.Count("stopping on SIGTERM"), 1) << d.Text();
     unlink(conf.c_str());
 }
 
