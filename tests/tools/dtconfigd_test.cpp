@@ -13,26 +13,8 @@ namespace {
 
 const size_t npos = std::string::npos;
 
-TEST(DtconfigdFile, ReadsSectionsKeysAndValuesTrimmed) {
-    const std::string text =
-        "# lab settings\n\n[net]\n  mtu =  1500 \t\r\n"
-        "name = a b # not a comment\n[ gw ]\nip=10.0.0.1\n[net]\n   # indented comment\nspeed = 100";
-    dtconfigd::Config c;
-    dtconfigd::FileError e;
-    ASSERT_TRUE(dtconfigd::ParseConfig(text, c, e)) << e.line << ": " << e.what;
-    EXPECT_EQ(*c.Find("net", "mtu"), "1500");
-    EXPECT_EQ(*c.Find("net", "name"), "a b # not a comment");
-    EXPECT_EQ(*c.Find("gw", "ip"), "10.0.0.1");
-    EXPECT_EQ(*c.Find("net", "speed"), "100") << "a reopened section gains keys";
-    EXPECT_EQ(c.Values(), 4u);
-}
-
 TEST(DtconfigdFile, RefusesEachMalformedLineWithItsNumber) {
-    const struct {
-        std::string text;
-        size_t line;
-        std::string what;
-    } cases[] = {
+    const std::tuple<std::string, size_t, std::string> cases[] = {  // text, line, what
         {"a = 1\n", 1, "before any [section]"},
         {"[s]\n\n[t\n", 3, "closing ']'"},
         {"[s]\n[ ]\n", 2, "empty section name"},
@@ -45,33 +27,31 @@ TEST(DtconfigdFile, RefusesEachMalformedLineWithItsNumber) {
         {"[s]\nk = " + std::string(1000, 'v') + "\n", 2, "longer than 999"},
         {"[s]\nk = 1\nj = a" + std::string(1, '\0') + "b\n", 3, "zero byte"},
     };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.text);
+    for (const auto &[text, line, what] : cases) {
+        SCOPED_TRACE(text);
         dtconfigd::Config cfg;
         cfg.sections["old"]["k"] = "kept";
         dtconfigd::FileError e;
-        EXPECT_FALSE(dtconfigd::ParseConfig(c.text, cfg, e));
-        EXPECT_EQ(e.line, c.line);
-        EXPECT_NE(e.what.find(c.what), npos) << e.what;
+        EXPECT_FALSE(dtconfigd::ParseConfig(text, cfg, e));
+        EXPECT_EQ(e.line, line);
+        EXPECT_NE(e.what.find(what), npos) << e.what;
         EXPECT_EQ(cfg.Values(), 1u);
     }
 }
 
 TEST(DtconfigdRequest, SplitsSectionKeyAndDefault) {
-    const struct {
-        std::string in, section, key, def;
-    } good[] = {
+    const std::string good[][4] = {  // request, section, key, default
         {"=>config net mtu 1500", "net", "mtu", "1500"},
         {"=>config s k two words", "s", "k", "two words"},
         {"=>config s k ", "s", "k", ""},
     };
-    for (const auto &g : good) {
+    for (const auto &[in, section, key, def] : good) {
         dtconfigd::Request r;
         std::string why;
-        ASSERT_TRUE(dtconfigd::ParseRequest(g.in.data(), g.in.size(), r, why)) << g.in << ": " << why;
-        EXPECT_EQ(r.section, g.section);
-        EXPECT_EQ(r.key, g.key);
-        EXPECT_EQ(r.defaultText, g.def);
+        ASSERT_TRUE(dtconfigd::ParseRequest(in.data(), in.size(), r, why)) << in << ": " << why;
+        EXPECT_EQ(r.section, section);
+        EXPECT_EQ(r.key, key);
+        EXPECT_EQ(r.defaultText, def);
     }
     const std::string bad[] = {"", "=>config", "=>confix a b c", "config a b c", "=>config net mtu",
                                "=>config  mtu 1", "=>config net  1", std::string("=>config a b c\0d", 16),
@@ -99,11 +79,8 @@ TEST(DtconfigdProgram, RefusesAMalformedFileOrBadUsage) {
     const std::string bad = TempFile("[net]\nmtu = 1\nmtu = 2\n");
     const std::string good = TempFile("[net]\nmtu = 1\n");
     const std::string version = "dtconfigd (dtkit) " DTKIT_VERSION "\n";
-    const struct {
-        std::vector<std::string> args;
-        int status;
-        std::string out, err;  // how the output starts; a part of the error output
-    } cases[] = {
+    // args, status, how the output starts, a part of the error output
+    const std::tuple<std::vector<std::string>, int, std::string, std::string> cases[] = {
         {{bad}, 1, "", "dtconfigd: " + bad + ":3: key \"mtu\" given twice"},
         {{"--port", "70000", bad}, 2, "", "dtconfigd: bad value for --port: 70000\nusage: dtconfigd"},
         {{"--bind", "", bad}, 2, "", "bad value for --bind: (empty)"},
@@ -118,13 +95,13 @@ TEST(DtconfigdProgram, RefusesAMalformedFileOrBadUsage) {
         {{"--port", "9000", "--version"}, 0, version, ""},
         {{"--version", "a", "b"}, 0, version, ""},
     };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.err + c.out);
+    for (const auto &[args, status, start, part] : cases) {
+        SCOPED_TRACE(part + start);
         std::ostringstream out, err;
-        EXPECT_EQ(dtconfigd::Main(c.args, out, err), c.status);
-        EXPECT_EQ(out.str().substr(0, c.out.size()), c.out);
-        EXPECT_EQ(err.str().empty(), c.err.empty()) << err.str();
-        EXPECT_NE(err.str().find(c.err), npos) << err.str();
+        EXPECT_EQ(dtconfigd::Main(args, out, err), status);
+        EXPECT_EQ(out.str().substr(0, start.size()), start);
+        EXPECT_EQ(err.str().empty(), part.empty()) << err.str();
+        EXPECT_NE(err.str().find(part), npos) << err.str();
     }
     unlink(bad.c_str());
     unlink(good.c_str());
@@ -136,15 +113,17 @@ TEST(DtconfigdNamespace, LibraryGettersFindTheServerByBroadcastThenAskDirectly) 
     dttest::NetnsPair ns;
     std::string why = ns.Make();
     if (!why.empty()) GTEST_SKIP() << why;
-    std::string conf = TempFile("[net]\nmtu = 9000\nname = lab one\n");
+    // Comments, blank lines, blanks around names and values, a reopened section.
+    std::string conf = TempFile("# lab settings\n\n[net]\n  mtu =  9000 \t\r\n[ gw ]\nip=10.0.0.1\n[net]\n"
+                                "   # indented comment\nname = lab one # not a comment\n");
     // Under the emulator when cross-built, in the server side of the pair.
     tp::Proc d("ip netns exec " + ns.ServerName() + " " DTCONFIGD_COMMAND " " + conf, "dtconfigd");
-    ASSERT_EQ(d.Count("serving 2 values", 1), 1) << d.Text();
+    ASSERT_EQ(d.Count("serving 3 values", 1), 1) << d.Text();
     ASSERT_TRUE(ns.EnterDevice());
     EXPECT_EQ(DTConfig_GetInt("net", "mtu", 1500), 9000);
     char out[1000];
     DTConfig_GetString("net", "name", "none", out);
-    EXPECT_STREQ(out, "lab one");
+    EXPECT_STREQ(out, "lab one # not a comment");
     EXPECT_EQ(DTConfig_GetInt("net", "speed", 100), 100);
     // The server logs a query after replying to it: wait for the lines.
     EXPECT_EQ(d.Count("query from 10.99.0.1:8998 to 10.99.0.2:", 2), 2) << d.Text();
