@@ -109,11 +109,8 @@ TEST(DtsimFleet, AThousandDevicesGiveTheirOwnValuesAndMisbehavingOnesFailAlone) 
 }
 
 void Send(const std::string &to, const ct::Bytes &request) {
-    int s = socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_port = htons(9099);
-    inet_pton(AF_INET, to.c_str(), &a.sin_addr);
+    const int s = socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in a{AF_INET, htons(9099), {inet_addr(to.c_str())}, {}};
     sendto(s, request.data(), request.size(), 0, reinterpret_cast<sockaddr *>(&a), sizeof a);
     close(s);
 }

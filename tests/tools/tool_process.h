@@ -30,14 +30,12 @@ struct Proc {
     std::string Text() const { return ReadAll(log); }
     // How often the log holds `what`, once it does `atLeast` times or ms have passed.
     int Count(const std::string &what, int atLeast = 0, int ms = 20000) const {
-        int n = 0;
-        for (int i = 0; i <= ms / 10; usleep(10000), ++i) {
+        for (int i = 0;; usleep(10000), ++i) {
             const std::string t = Text();
-            n = 0;
+            int n = 0;
             for (size_t at = t.find(what); at != std::string::npos; at = t.find(what, at + 1)) ++n;
-            if (n >= atLeast) break;
+            if (n >= atLeast || i >= ms / 10) return n;
         }
-        return n;
     }
     // Whether the log holds `what` within ms.
     bool Until(const std::string &what, int ms) const { return Count(what, 1, ms) > 0; }
