@@ -91,7 +91,9 @@ TEST_F(Dtfcm, RoundTripPrintsWhatTheHostRecorded) {
     EXPECT_NE(err_.find("byte offset"), npos) << err_;
 }
 
-TEST_F(Dtfcm, UsageAndBadArgumentsGiveTheirExitStatus) {
+// Usage and bad arguments give their exit status; only a run log holds a crash
+// record, and only in its exact shape.
+TEST_F(Dtfcm, UsageAndCrashRecords) {
     // args, status, and a part of the output and of the error output
     const std::tuple<std::vector<std::string>, int, const char *, const char *> cases[] = {
         {{"/nonexistent/fcm.log"}, 2, "", "dtfcm: cannot read /nonexistent/fcm.log"},
@@ -105,12 +107,8 @@ TEST_F(Dtfcm, UsageAndBadArgumentsGiveTheirExitStatus) {
         EXPECT_NE(Run(args, status).find(out), npos);
         EXPECT_NE(err_.find(err), npos) << err_;
     }
-}
-
-// Only a run log holds a crash record.
-TEST_F(Dtfcm, CrashRecordIsMarkedOnlyInItsExactShape) {
     // What --json adds after the text, for a crash record.
-    const std::tuple<const char *, const char *, bool, const char *> cases[] = {  // marker, text, crash, json
+    const std::tuple<const char *, const char *, bool, const char *> crashes[] = {  // marker, text, crash, json
         {"run", "crash: SIGSEGV signal 11 addr 0x00000010 pc 0x1000abcd", true,
          ",\"crash\":{\"signal\":\"SIGSEGV\",\"number\":11,\"addr\":\"0x00000010\",\"pc\":\"0x1000abcd\"}}"},
         {"run", "crash: SIGABRT signal 6 addr 0x0", true,
@@ -123,7 +121,7 @@ TEST_F(Dtfcm, CrashRecordIsMarkedOnlyInItsExactShape) {
         {"run", "crash: SIGILL signal 4 addr 0x1 sp 0x2", false, "}"},
         {"run", "the crash: SIGSEGV signal 11 addr 0x0", false, "}"},
     };
-    for (const auto &[marker, text, isCrash, added] : cases) {
+    for (const auto &[marker, text, isCrash, added] : crashes) {
         SCOPED_TRACE(text);
         dtfcm::Crash crash;
         EXPECT_EQ(dtfcm::ParseCrash(text, crash), isCrash);
