@@ -127,9 +127,8 @@ TEST(DtconfigdNamespace, LibraryGettersFindTheServerByBroadcastThenAskDirectly) 
     EXPECT_EQ(d.Count(conf + ":1: section heading without a closing ']'"), 1) << d.Text();
     EXPECT_EQ(DTConfig_GetInt("net", "mtu", 1500), 1400);
     int sock = DTSock_UDP_Create(nullptr, 0);
-    char addr[20] = "10.99.0.2";
+    char addr[20] = "10.99.0.2", buf[1001] = "=>config net";
     int32_t port = 8999;
-    char buf[1001] = "=>config net";
     EXPECT_EQ(DTSock_UDP_GetMessage(sock, addr, &port, buf, 12, 1000, 300), 0);
     EXPECT_EQ(d.Count("malformed request from 10.99.0.1:", 1), 1) << d.Text();
     DTSock_UDP_Close(sock);

@@ -11,17 +11,16 @@ namespace {
 
 const size_t npos = std::string::npos;
 
-class Dtfcm : public FcmFileTest {
-protected:
-    // The program's output; its error output lands in err_.
-    std::string Run(const std::vector<std::string> &args, int expect) {
-        std::ostringstream out, e;
-        EXPECT_EQ(dtfcm::Main(args, out, e), expect);
-        err_ = e.str();
-        return out.str();
-    }
-    std::string err_;
-};
+using Dtfcm = FcmFileTest;
+std::string err_;  // the last run's error output
+
+// The program's output.
+std::string Program(const std::vector<std::string> &args, int expect) {
+    std::ostringstream out, e;
+    EXPECT_EQ(dtfcm::Main(args, out, e), expect);
+    err_ = e.str();
+    return out.str();
+}
 
 // A small file written by the library itself: names with and without a
 // space-free prefix in common, a log line, and one value of each family.
@@ -41,14 +40,14 @@ TEST_F(Dtfcm, RoundTripPrintsWhatTheHostRecorded) {
     EXPECT_EQ(res.error, "");
     ASSERT_EQ(res.records.size(), 6u);
     EXPECT_EQ(res.records[0].text.size(), 15u) << "the time stamp record";
-    std::string text = Run({DTFAULT_FILE}, 0);
+    std::string text = Program({DTFAULT_FILE}, 0);
     EXPECT_NE(text.find("1 run net 2: eth1 down\n"), npos) << text;
     EXPECT_NE(text.find("3 net counter id=0x00000007 value=0x00000001\n"), npos) << text;
     EXPECT_NE(text.find("3 net 2 register64 id=0x00000010 value=0x0102030405060708\n"), npos) << text;
     EXPECT_NE(text.find("3 net 2 value id=0x00000009 len=4 bytes=DE AD 00 EF\n"), npos) << text;
     EXPECT_NE(text.find("3 net counter block id=0x00000002 len=2 bytes=DE AD\n"), npos) << text;
-    EXPECT_EQ(Run({}, 0), text) << "the library's own path is the default";
-    std::string json = Run({"--json"}, 0);
+    EXPECT_EQ(Program({}, 0), text) << "the library's own path is the default";
+    std::string json = Program({"--json"}, 0);
     EXPECT_NE(json.find("{\"section\":1,\"offset\":" + std::to_string(res.records[1].offset) +
                         ",\"marker\":\"run\",\"name\":\"net 2\",\"text\":\"eth1 down\"}\n"),
               npos) << json;
@@ -87,7 +86,7 @@ TEST_F(Dtfcm, RoundTripPrintsWhatTheHostRecorded) {
         EXPECT_NE(dtfcm::Decode(bad).error.find(error), npos) << dtfcm::Decode(bad).error;
     }
     std::ofstream(DTFAULT_FILE, std::ios::binary).write(reinterpret_cast<const char *>(file.data()), file.size() - 1);
-    EXPECT_NE(Run({}, 1).find("1 run net 2: eth1 down"), npos) << "the decoded part is still printed";
+    EXPECT_NE(Program({}, 1).find("1 run net 2: eth1 down"), npos) << "the decoded part is still printed";
     EXPECT_NE(err_.find("byte offset"), npos) << err_;
 }
 
@@ -104,7 +103,7 @@ TEST_F(Dtfcm, UsageAndCrashRecords) {
     };
     for (const auto &[args, status, out, err] : cases) {
         SCOPED_TRACE(args[0]);
-        EXPECT_NE(Run(args, status).find(out), npos);
+        EXPECT_NE(Program(args, status).find(out), npos);
         EXPECT_NE(err_.find(err), npos) << err_;
     }
     // What --json adds after the text, for a crash record.

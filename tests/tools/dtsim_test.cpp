@@ -28,19 +28,6 @@ struct Sim : tp::Proc {
     bool Ready() const { return Until("\n", 30000) && Text().find("dtsim: ready") == 0; }
 };
 
-// dtcollect over the fleet's addresses as dtsim prints them, in a hosts file after a comment.
-int Collect(const std::string &devices, const std::string &args, std::string &out, std::string &err) {
-    const std::string base = "/tmp/dtsim-test-" + std::to_string(getpid());
-    const int status = system(("(echo '# the simulated fleet'; " DTSIM_COMMAND " --print-hosts --devices " + devices +
-                               ") >" + base + ".hosts && timeout 120 " DTCOLLECT_COMMAND " --hosts-file " + base +
-                               ".hosts " + args + " >" + base + ".out 2>" + base + ".err")
-                                  .c_str());
-    out = tp::ReadAll(base + ".out");
-    err = tp::ReadAll(base + ".err");
-    for (const char *ext : {".hosts", ".out", ".err"}) remove((base + ext).c_str());
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
 // What the collector must print for device i, from the values its host put.
 Lines Expected(uint32_t device, uint32_t sequence) {
     using E = dtcore::Event;
@@ -80,8 +67,15 @@ TEST(DtsimFleet, AThousandDevicesGiveTheirOwnValuesAndMisbehavingOnesFailAlone) 
     ASSERT_EQ(at.size(), 11u);
     Sim sim("--devices 1000 --duration 120 --wait 30 --silent 2 --garbage 5 --drop 8 --stall 10");
     ASSERT_TRUE(sim.Ready()) << sim.Text();
-    std::string out, err;
-    EXPECT_EQ(Collect("1000", "--parallel 256 --sequence 77 --timeout 10", out, err), 1);
+    // dtcollect over the fleet's addresses as dtsim prints them, in a hosts file after a comment.
+    const std::string base = "/tmp/dtsim-test-" + std::to_string(getpid());
+    const int status = system(("(echo '# the simulated fleet'; " DTSIM_COMMAND " --print-hosts --devices 1000) >" +
+                               base + ".hosts && timeout 120 " DTCOLLECT_COMMAND " --hosts-file " + base +
+                               ".hosts --parallel 256 --sequence 77 --timeout 10 >" + base + ".out 2>" + base + ".err")
+                                  .c_str());
+    EXPECT_EQ(WEXITSTATUS(status), 1);
+    const std::string out = tp::ReadAll(base + ".out"), err = tp::ReadAll(base + ".err");
+    for (const char *ext : {".hosts", ".out", ".err"}) remove((base + ext).c_str());
     // The dropping device stops halfway through its sixth message.
     const std::map<uint32_t, std::string> failures = {
         {2, "no connection from the device within 10 s"},
@@ -99,8 +93,7 @@ TEST(DtsimFleet, AThousandDevicesGiveTheirOwnValuesAndMisbehavingOnesFailAlone) 
             EXPECT_NE(err.substr(line, err.find('\n', line) - line).find(failures.at(i)), npos) << err;
             continue;
         }
-        auto it = got.find(host);
-        const Lines lines = it == got.end() ? Lines() : it->second;
+        const Lines lines = got.count(host) != 0 ? got.at(host) : Lines();
         wrong += lines != Expected(i, 77 + i);
         EXPECT_EQ(lines, Expected(i, 77 + i)) << host;
     }

@@ -8,7 +8,6 @@
 #include "collect/collect_getdata.h"
 #include "collect_stream.h"
 #include "net/DTSock.h"
-#include "stream_reader.h"
 #include "tool_process.h"
 
 namespace {
