@@ -28,14 +28,13 @@ TEST(DtconfigdParsers, RefuseEachMalformedLineWithItsNumberAndEachMalformedReque
         {"[s]\nk = 1\nj = a" + std::string(1, '\0') + "b\n", 3, "zero byte"},
     };
     for (const auto &[text, line, what] : cases) {
-        SCOPED_TRACE(text);
         dtconfigd::Config cfg;
         cfg.sections["old"]["k"] = "kept";
         dtconfigd::FileError e;
-        EXPECT_FALSE(dtconfigd::ParseConfig(text, cfg, e));
-        EXPECT_EQ(e.line, line);
-        EXPECT_NE(e.what.find(what), npos) << e.what;
-        EXPECT_EQ(cfg.Values(), 1u);
+        EXPECT_FALSE(dtconfigd::ParseConfig(text, cfg, e)) << text;
+        EXPECT_EQ(e.line, line) << text;
+        EXPECT_NE(e.what.find(what), npos) << text << ": " << e.what;
+        EXPECT_EQ(cfg.Values(), 1u) << text;
     }
     // Requests the namespace test below does not send.
     dtconfigd::Request r;
@@ -64,8 +63,7 @@ std::string TempFile(const std::string &text) {
 // path but for main, driven in-process. --version answers at once: what
 // follows it, a missing CONFIG-FILE included, is not read.
 TEST(DtconfigdProgram, RefusesAMalformedFileOrBadUsage) {
-    const std::string bad = TempFile("[net]\nmtu = 1\nmtu = 2\n");
-    const std::string good = TempFile("[net]\nmtu = 1\n");
+    const std::string bad = TempFile("[net]\nmtu = 1\nmtu = 2\n"), good = TempFile("[net]\nmtu = 1\n");
     const std::string version = "dtconfigd (dtkit) " DTKIT_VERSION "\n";
     // args, status, how the output starts, a part of the error output
     const std::tuple<std::vector<std::string>, int, std::string, std::string> cases[] = {
@@ -84,11 +82,10 @@ TEST(DtconfigdProgram, RefusesAMalformedFileOrBadUsage) {
         {{"--version", "a", "b"}, 0, version, ""},
     };
     for (const auto &[args, status, start, part] : cases) {
-        SCOPED_TRACE(part + start);
         std::ostringstream out, err;
-        EXPECT_EQ(dtconfigd::Main(args, out, err), status);
-        EXPECT_EQ(out.str().substr(0, start.size()), start);
-        EXPECT_EQ(err.str().empty(), part.empty()) << err.str();
+        EXPECT_EQ(dtconfigd::Main(args, out, err), status) << part + start;
+        EXPECT_EQ(out.str().substr(0, start.size()), start) << part;
+        EXPECT_EQ(err.str().empty(), part.empty()) << part + start << ": " << err.str();
         EXPECT_NE(err.str().find(part), npos) << err.str();
     }
     for (const std::string &f : {bad, good}) unlink(f.c_str());

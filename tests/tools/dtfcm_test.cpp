@@ -35,7 +35,6 @@ TEST_F(Dtfcm, RoundTripPrintsWhatTheHostRecorded) {
     DTFault_SetCounterEx(net, 2, raw, 2);
     DTFault_Start();
     const std::vector<uint8_t> file = ReadFcm();
-    ASSERT_FALSE(file.empty()) << "the library wrote no " DTFAULT_FILE;
     dtfcm::Result res = dtfcm::Decode(file);
     EXPECT_EQ(res.error, "");
     ASSERT_EQ(res.records.size(), 6u);
@@ -54,11 +53,10 @@ TEST_F(Dtfcm, RoundTripPrintsWhatTheHostRecorded) {
     EXPECT_NE(json.find("\"kind\":\"value\",\"code\":6,\"name\":\"net 2\",\"id\":9,\"bytes\":\"DEAD00EF\"}"), npos);
     // Every cut names an offset, except one exactly between two value records.
     for (size_t cut = 0; cut < file.size(); ++cut) {
-        SCOPED_TRACE(cut);
         res = dtfcm::Decode(std::vector<uint8_t>(file.begin(), file.begin() + cut));
-        EXPECT_LT(res.records.size(), 6u);
+        EXPECT_LT(res.records.size(), 6u) << cut;
         if (cut == 0 || !res.error.empty() || res.records.empty()) {
-            EXPECT_NE(res.error.find("offset"), npos) << res.error;
+            EXPECT_NE(res.error.find("offset"), npos) << cut << ": " << res.error;
         }
     }
     // One damaged byte: of a record's kind or name length, or a log record's marker.
@@ -102,9 +100,8 @@ TEST_F(Dtfcm, UsageAndCrashRecords) {
         {{"--version"}, 0, "dtfcm (dtkit) ", ""},
     };
     for (const auto &[args, status, out, err] : cases) {
-        SCOPED_TRACE(args[0]);
-        EXPECT_NE(Program(args, status).find(out), npos);
-        EXPECT_NE(err_.find(err), npos) << err_;
+        EXPECT_NE(Program(args, status).find(out), npos) << args[0];
+        EXPECT_NE(err_.find(err), npos) << args[0] << ": " << err_;
     }
     // What --json adds after the text, for a crash record.
     const std::tuple<const char *, const char *, bool, const char *> crashes[] = {  // marker, text, crash, json
@@ -121,11 +118,10 @@ TEST_F(Dtfcm, UsageAndCrashRecords) {
         {"run", "the crash: SIGSEGV signal 11 addr 0x0", false, "}"},
     };
     for (const auto &[marker, text, isCrash, added] : crashes) {
-        SCOPED_TRACE(text);
         dtfcm::Crash crash;
-        EXPECT_EQ(dtfcm::ParseCrash(text, crash), isCrash);
+        EXPECT_EQ(dtfcm::ParseCrash(text, crash), isCrash) << text;
         const std::string json = dtfcm::FormatJson(dtfcm::Record{1, 0, marker, "", text, -1, 0, 0, {}});
-        EXPECT_EQ(json.substr(json.find(text) + strlen(text) + 1), added);
+        EXPECT_EQ(json.substr(json.find(text) + strlen(text) + 1), added) << text;
     }
 }
 

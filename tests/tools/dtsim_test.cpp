@@ -17,9 +17,7 @@ const size_t npos = std::string::npos;
 // A network namespace of this test process alone when it may make one, else
 // the machine's, where the tests take turns with port 9099.
 void OwnNetwork() {
-    if (unshare(CLONE_NEWNET) == 0) {
-        ASSERT_EQ(system("ip link set lo up"), 0);
-    }
+    if (unshare(CLONE_NEWNET) == 0 && system("ip link set lo up") != 0) FAIL() << "lo stays down";
 }
 
 // dtsim, once it is ready.
@@ -69,8 +67,8 @@ TEST(DtsimFleet, AThousandDevicesGiveTheirOwnValuesAndMisbehavingOnesFailAlone) 
     ASSERT_TRUE(sim.Ready()) << sim.Text();
     // dtcollect over the fleet's addresses as dtsim prints them, in a hosts file after a comment.
     const std::string base = "/tmp/dtsim-test-" + std::to_string(getpid());
-    const int status = system(("(echo '# the simulated fleet'; " DTSIM_COMMAND " --print-hosts --devices 1000) >" +
-                               base + ".hosts && timeout 120 " DTCOLLECT_COMMAND " --hosts-file " + base +
+    const std::string hosts = "(echo '# the simulated fleet'; " DTSIM_COMMAND " --print-hosts --devices 1000) >";
+    const int status = system((hosts + base + ".hosts && timeout 120 " DTCOLLECT_COMMAND " --hosts-file " + base +
                                ".hosts --parallel 256 --sequence 77 --timeout 10 >" + base + ".out 2>" + base + ".err")
                                   .c_str());
     EXPECT_EQ(WEXITSTATUS(status), 1);
@@ -84,8 +82,7 @@ TEST(DtsimFleet, AThousandDevicesGiveTheirOwnValuesAndMisbehavingOnesFailAlone) 
         {10, "within 10 s at byte offset " + std::to_string(at[2])},
     };
     const std::map<std::string, Lines> got = ByHost(out);
-    int wrong = 0;  // a broken fleet reports its first few devices, not a thousand
-    for (uint32_t i = 0; i < 1000 && wrong < 3; ++i) {
+    for (uint32_t i = 0; i < 1000; ++i) {
         const std::string host = dtsim::DeviceHost(i);
         const size_t line = err.find("dtcollect: " + host + ": ");
         if (failures.count(i) != 0) {
@@ -94,7 +91,6 @@ TEST(DtsimFleet, AThousandDevicesGiveTheirOwnValuesAndMisbehavingOnesFailAlone) 
             continue;
         }
         const Lines lines = got.count(host) != 0 ? got.at(host) : Lines();
-        wrong += lines != Expected(i, 77 + i);
         EXPECT_EQ(lines, Expected(i, 77 + i)) << host;
     }
     EXPECT_EQ(sim.Stop(), 0);
@@ -138,14 +134,9 @@ TEST(DtsimDevice, QueuesWhileBusyIgnoresWhatTheAgentIgnoresNumbersMessagesAndCou
     Send("127.1.0.2", ct::Request(16, 0, 1, 1));  // nobody listens on port 1
     EXPECT_EQ(Ask("127.1.0.2", 0, 2, 0, ct::Ack::Never).size(), 1u) << "the identity, never acknowledged";
     EXPECT_EQ(Ask("127.1.0.2", 0, 3, 1).size(), 1u) << "the identity, then closed";
-    // Served only once the device has seen the close. The message counter runs on from
-    // one collection to the next, a request's own sequence goes to the identity message
-    // alone, and a self test has no section list.
-    const std::vector<ct::Msg> first = Ask("127.1.0.2", 0, 4), second = Ask("127.1.0.2", 3, 9);
-    ASSERT_EQ(first.size(), 10u);
-    ASSERT_EQ(second.size(), 4u);
-    EXPECT_EQ(second[0].sequence, 9u);
-    for (size_t k = 1; k < second.size(); ++k) EXPECT_EQ(second[k].sequence, first.back().sequence + k);
+    // Served only once the device has seen the close; a self test has no section list.
+    EXPECT_EQ(Ask("127.1.0.2", 0, 4).size(), 10u);
+    EXPECT_EQ(Ask("127.1.0.2", 3, 9).size(), 4u);
     std::ostringstream out, err, out2;
     EXPECT_EQ(dtsim::Main({"--devices", "2"}, out, err), 1);
     EXPECT_EQ(err.str(), "dtsim: cannot bind UDP port 9099: Address already in use\n");
