@@ -1,42 +1,20 @@
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <fstream>
 #include <sstream>
-#include <string>
 
 #include "config_core.h"
 #include "dtnetns.h"
 #include "net/DTConfig.h"
 #include "net/DTSock.h"
 #include "server.h"
+#include "tool_process.h"
 
 namespace {
 
 const size_t npos = std::string::npos;
 
-TEST(DtconfigdFile, ReadsSectionsKeysAndValuesTrimmed) {
-    const std::string text =
-        "# lab settings\n\n[net]\n  mtu =  1500 \t\r\n"
-        "name = a b # not a comment\n[ gw ]\nip=10.0.0.1\n[net]\n   # indented comment\nspeed = 100";
-    dtconfigd::Config c;
-    dtconfigd::FileError e;
-    ASSERT_TRUE(dtconfigd::ParseConfig(text, c, e)) << e.line << ": " << e.what;
-    EXPECT_EQ(*c.Find("net", "mtu"), "1500");
-    EXPECT_EQ(*c.Find("net", "name"), "a b # not a comment");
-    EXPECT_EQ(*c.Find("gw", "ip"), "10.0.0.1");
-    EXPECT_EQ(*c.Find("net", "speed"), "100") << "a reopened section gains keys";
-    EXPECT_EQ(c.Values(), 4u);
-}
-
-TEST(DtconfigdFile, RefusesEachMalformedLineWithItsNumber) {
-    const struct {
-        std::string text;
-        size_t line;
-        std::string what;
-    } cases[] = {
+TEST(DtconfigdParsers, RefuseEachMalformedLineWithItsNumberAndEachMalformedRequest) {
+    const std::tuple<std::string, size_t, std::string> cases[] = {  // text, line, what
         {"a = 1\n", 1, "before any [section]"},
         {"[s]\n\n[t\n", 3, "closing ']'"},
         {"[s]\n[ ]\n", 2, "empty section name"},
@@ -49,40 +27,25 @@ TEST(DtconfigdFile, RefusesEachMalformedLineWithItsNumber) {
         {"[s]\nk = " + std::string(1000, 'v') + "\n", 2, "longer than 999"},
         {"[s]\nk = 1\nj = a" + std::string(1, '\0') + "b\n", 3, "zero byte"},
     };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.text);
+    for (const auto &[text, line, what] : cases) {
         dtconfigd::Config cfg;
         cfg.sections["old"]["k"] = "kept";
         dtconfigd::FileError e;
-        EXPECT_FALSE(dtconfigd::ParseConfig(c.text, cfg, e));
-        EXPECT_EQ(e.line, c.line);
-        EXPECT_NE(e.what.find(c.what), npos) << e.what;
-        EXPECT_EQ(cfg.Values(), 1u);
+        EXPECT_FALSE(dtconfigd::ParseConfig(text, cfg, e)) << text;
+        EXPECT_EQ(e.line, line) << text;
+        EXPECT_NE(e.what.find(what), npos) << text << ": " << e.what;
+        EXPECT_EQ(cfg.Values(), 1u) << text;
     }
-}
-
-TEST(DtconfigdRequest, SplitsSectionKeyAndDefault) {
-    const struct {
-        std::string in, section, key, def;
-    } good[] = {
-        {"=>config net mtu 1500", "net", "mtu", "1500"},
-        {"=>config s k two words", "s", "k", "two words"},
-        {"=>config s k ", "s", "k", ""},
-    };
-    for (const auto &g : good) {
-        dtconfigd::Request r;
-        std::string why;
-        ASSERT_TRUE(dtconfigd::ParseRequest(g.in.data(), g.in.size(), r, why)) << g.in << ": " << why;
-        EXPECT_EQ(r.section, g.section);
-        EXPECT_EQ(r.key, g.key);
-        EXPECT_EQ(r.defaultText, g.def);
-    }
+    // Requests the namespace test below does not send.
+    dtconfigd::Request r;
+    std::string why;
+    ASSERT_TRUE(dtconfigd::ParseRequest("=>config s k ", 13, r, why)) << why;
+    EXPECT_EQ(r.defaultText, "") << "an empty default";
     const std::string bad[] = {"", "=>config", "=>confix a b c", "config a b c", "=>config net mtu",
                                "=>config  mtu 1", "=>config net  1", std::string("=>config a b c\0d", 16),
                                "=>config a b " + std::string(1000, 'd')};
     for (const std::string &b : bad) {
-        dtconfigd::Request r;
-        std::string why;
+        why.clear();
         EXPECT_FALSE(dtconfigd::ParseRequest(b.data(), b.size(), r, why)) << b;
         EXPECT_FALSE(why.empty()) << b;
     }
@@ -100,14 +63,10 @@ std::string TempFile(const std::string &text) {
 // path but for main, driven in-process. --version answers at once: what
 // follows it, a missing CONFIG-FILE included, is not read.
 TEST(DtconfigdProgram, RefusesAMalformedFileOrBadUsage) {
-    const std::string bad = TempFile("[net]\nmtu = 1\nmtu = 2\n");
-    const std::string good = TempFile("[net]\nmtu = 1\n");
+    const std::string bad = TempFile("[net]\nmtu = 1\nmtu = 2\n"), good = TempFile("[net]\nmtu = 1\n");
     const std::string version = "dtconfigd (dtkit) " DTKIT_VERSION "\n";
-    const struct {
-        std::vector<std::string> args;
-        int status;
-        std::string out, err;  // how the output starts; a part of the error output
-    } cases[] = {
+    // args, status, how the output starts, a part of the error output
+    const std::tuple<std::vector<std::string>, int, std::string, std::string> cases[] = {
         {{bad}, 1, "", "dtconfigd: " + bad + ":3: key \"mtu\" given twice"},
         {{"--port", "70000", bad}, 2, "", "dtconfigd: bad value for --port: 70000\nusage: dtconfigd"},
         {{"--bind", "", bad}, 2, "", "bad value for --bind: (empty)"},
@@ -122,56 +81,15 @@ TEST(DtconfigdProgram, RefusesAMalformedFileOrBadUsage) {
         {{"--port", "9000", "--version"}, 0, version, ""},
         {{"--version", "a", "b"}, 0, version, ""},
     };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.err + c.out);
+    for (const auto &[args, status, start, part] : cases) {
         std::ostringstream out, err;
-        EXPECT_EQ(dtconfigd::Main(c.args, out, err), c.status);
-        EXPECT_EQ(out.str().substr(0, c.out.size()), c.out);
-        EXPECT_EQ(err.str().empty(), c.err.empty()) << err.str();
-        EXPECT_NE(err.str().find(c.err), npos) << err.str();
+        EXPECT_EQ(dtconfigd::Main(args, out, err), status) << part + start;
+        EXPECT_EQ(out.str().substr(0, start.size()), start) << part;
+        EXPECT_EQ(err.str().empty(), part.empty()) << part + start << ": " << err.str();
+        EXPECT_NE(err.str().find(part), npos) << err.str();
     }
-    unlink(bad.c_str());
-    unlink(good.c_str());
+    for (const std::string &f : {bad, good}) unlink(f.c_str());
 }
-
-// dtconfigd as a child process (under the emulator when cross-built) in the
-// server side of a namespace pair, its output in a file the test reads.
-struct Daemon {
-    std::string log = TempFile("");
-    pid_t pid;
-    explicit Daemon(const std::string &command) : pid(fork()) {
-        if (pid != 0) return;
-        const std::string cmd = "exec " + command + " >" + log + " 2>&1";
-        execl("/bin/sh", "sh", "-c", cmd.c_str(), static_cast<char *>(nullptr));
-        _exit(127);
-    }
-    std::string Log() const {
-        std::ifstream in(log);
-        return std::string(std::istreambuf_iterator<char>(in), {});
-    }
-    // How often the log holds `text`, once it does `atLeast` times or 20 s
-    // have passed (the emulator is slow).
-    int Count(const std::string &text, int atLeast = 0) const {
-        for (int i = 0;; ++i) {
-            const std::string l = Log();
-            int n = 0;
-            for (size_t at = l.find(text); at != npos; at = l.find(text, at + 1)) ++n;
-            if (n >= atLeast || i == 400) return n;
-            usleep(50 * 1000);
-        }
-    }
-    // The exit code, or -1 after a signal.
-    int Stop(int sig) {
-        int status = -1;
-        if (pid > 0 && kill(pid, sig) == 0) waitpid(pid, &status, 0);
-        pid = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-    ~Daemon() {
-        Stop(SIGKILL);
-        unlink(log.c_str());
-    }
-};
 
 // Equal here, so not a case: the server asks only for IP_PKTINFO, so a control-message
 // filter that wanted level and type both wrong (&& for ||) passes the same one message.
@@ -179,37 +97,40 @@ TEST(DtconfigdNamespace, LibraryGettersFindTheServerByBroadcastThenAskDirectly) 
     dttest::NetnsPair ns;
     std::string why = ns.Make();
     if (!why.empty()) GTEST_SKIP() << why;
-    std::string conf = TempFile("[net]\nmtu = 9000\nname = lab one\n");
-    Daemon d("ip netns exec " + ns.ServerName() + " " DTCONFIGD_COMMAND " " + conf);
-    ASSERT_EQ(d.Count("serving 2 values", 1), 1) << d.Log();
+    // Comments, blank lines, blanks around names and values, a reopened section.
+    std::string conf = TempFile("# lab settings\n\n[net]\n  mtu =  9000 \t\r\n[ gw ]\nip=10.0.0.1\n[net]\n"
+                                "   # indented comment\nname = lab one # not a comment\n");
+    // Under the emulator when cross-built, in the server side of the pair.
+    tp::Proc d("ip netns exec " + ns.ServerName() + " " DTCONFIGD_COMMAND " " + conf, "dtconfigd");
+    ASSERT_EQ(d.Count("serving 3 values", 1), 1) << d.Text();
     ASSERT_TRUE(ns.EnterDevice());
     EXPECT_EQ(DTConfig_GetInt("net", "mtu", 1500), 9000);
     char out[1000];
     DTConfig_GetString("net", "name", "none", out);
-    EXPECT_STREQ(out, "lab one");
-    EXPECT_EQ(DTConfig_GetInt("net", "speed", 100), 100);
+    EXPECT_STREQ(out, "lab one # not a comment");
+    DTConfig_GetString("net", "speed", "two words", out);
+    EXPECT_STREQ(out, "two words") << "a default of more than one word";
     // The server logs a query after replying to it: wait for the lines.
-    EXPECT_EQ(d.Count("query from 10.99.0.1:8998 to 10.99.0.2:", 2), 2) << d.Log();
-    EXPECT_EQ(d.Count("query from 10.99.0.1:8998 to 255.255.255.255:"), 1) << d.Log();
-    EXPECT_EQ(d.Count("[net] speed -> \"100\" (default)"), 1) << d.Log();
+    EXPECT_EQ(d.Count("query from 10.99.0.1:8998 to 10.99.0.2:", 2), 2) << d.Text();
+    EXPECT_EQ(d.Count("query from 10.99.0.1:8998 to 255.255.255.255:"), 1) << d.Text();
+    EXPECT_EQ(d.Count("[net] speed -> \"two words\" (default)"), 1) << d.Text();
     std::ofstream(conf, std::ios::trunc) << "[net]\nmtu = 1400\n";
     kill(d.pid, SIGHUP);
-    ASSERT_EQ(d.Count("reloaded", 1), 1) << d.Log();
+    ASSERT_EQ(d.Count("reloaded", 1), 1) << d.Text();
     EXPECT_EQ(DTConfig_GetInt("net", "mtu", 1500), 1400);
     std::ofstream(conf, std::ios::trunc) << "[net\nmtu = 1\n";
     kill(d.pid, SIGHUP);
-    ASSERT_EQ(d.Count("reload refused", 1), 1) << d.Log();
-    EXPECT_EQ(d.Count(conf + ":1: section heading without a closing ']'"), 1) << d.Log();
+    ASSERT_EQ(d.Count("reload refused", 1), 1) << d.Text();
+    EXPECT_EQ(d.Count(conf + ":1: section heading without a closing ']'"), 1) << d.Text();
     EXPECT_EQ(DTConfig_GetInt("net", "mtu", 1500), 1400);
     int sock = DTSock_UDP_Create(nullptr, 0);
-    char addr[20] = "10.99.0.2";
+    char addr[20] = "10.99.0.2", buf[1001] = "=>config net";
     int32_t port = 8999;
-    char buf[1001] = "=>config net";
     EXPECT_EQ(DTSock_UDP_GetMessage(sock, addr, &port, buf, 12, 1000, 300), 0);
-    EXPECT_EQ(d.Count("malformed request from 10.99.0.1:", 1), 1) << d.Log();
+    EXPECT_EQ(d.Count("malformed request from 10.99.0.1:", 1), 1) << d.Text();
     DTSock_UDP_Close(sock);
     EXPECT_EQ(d.Stop(SIGTERM), 0);
-    EXPECT_EQ(d.Count("stopping on SIGTERM"), 1) << d.Log();
+    EXPECT_EQ(d.Count("stopping on SIGTERM"), 1) << d.Text();
     unlink(conf.c_str());
 }
 

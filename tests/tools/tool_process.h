@@ -28,11 +28,17 @@ struct Proc {
         }
     }
     std::string Text() const { return ReadAll(log); }
-    // Whether the log holds `what` within ms.
-    bool Until(const std::string &what, int ms) const {
-        for (int i = 0; i < ms / 10 && Text().find(what) == std::string::npos; ++i) usleep(10000);
-        return Text().find(what) != std::string::npos;
+    // How often the log holds `what`, once it does `atLeast` times or ms have passed.
+    int Count(const std::string &what, int atLeast = 0, int ms = 20000) const {
+        for (int i = 0;; usleep(10000), ++i) {
+            const std::string t = Text();
+            int n = 0;
+            for (size_t at = t.find(what); at != std::string::npos; at = t.find(what, at + 1)) ++n;
+            if (n >= atLeast || i >= ms / 10) return n;
+        }
     }
+    // Whether the log holds `what` within ms.
+    bool Until(const std::string &what, int ms) const { return Count(what, 1, ms) > 0; }
     // The exit status once it ends, after `sig` unless 0 (128 + the signal when
     // one ended it); -1 when it still runs 20 s on, or never started or was stopped
     // before (a pid of -1 would signal every process).
