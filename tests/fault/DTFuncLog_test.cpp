@@ -26,8 +26,7 @@ void File(DTFuncLog *log, uint8_t func, uint32_t a, uint32_t b) {
 std::string Shown(DTFuncLog *log, const char *name, int32_t skip, int32_t count) {
     dttest::ClearConsole();
     DTFuncLog_Show(log, name, skip, count);
-    std::string all = dttest::ConsoleText();
-    std::string heads;
+    std::string all = dttest::ConsoleText(), heads;
     for (size_t at = all.find("index="); at != std::string::npos; at = all.find("index=", at + 1))
         heads += all.substr(at, all.find('\n', at) - at) + ";";
     return heads;
@@ -68,6 +67,9 @@ TEST(DTFuncLog, ShowsTableAndRecordsWithSkipCountAndName) {
     int found = 0;
     while (DTFuncLog_Get(log, 1, &pos, &func, &data, &len)) ++found;
     EXPECT_EQ(found, 1);
+    DTFuncLog_Ignore(log, 1);
+    EXPECT_EQ(log->ignore, 1u) << "kept for the writers";
+    DTFuncLog_Ignore(nullptr, 1);
     DTFuncLog_Release(log);
     DTFuncLog_Release(nullptr);
 
