@@ -166,7 +166,7 @@ class Crash : public FcmFileTest {};
 void HostPlain(int) { _exit(41); }
 void HostInfo(int, siginfo_t *info, void *) { _exit(info->si_addr == nullptr ? 42 : 43); }
 struct sigaction g_info;
-void SegvInASave() { DTFault_Regist("cb", NullDeref), DTFault_Start(); }  // its re-entry flag set
+void SegvInASave() { DTFault_Regist("cb", NullDeref), DTFault_Start(); }  // in a save callback
 void HostReturns(int) {}
 // A second thread faults while this one saves: it waits, then dies by its own signal, before
 // this one, whose sent signal the host's handler took, ends the process itself.
@@ -189,7 +189,7 @@ struct Row {
     const char *name;
     int sig;
     void (*crash)();
-    int dies;     // the signal, or 100 + the code a host's handler exits with
+    int dies;                // the signal, or 100 + the code a host's handler exits with
     void (*before)(Host &);  // before the handlers go in: a host's own, or damage the save meets
     unsigned lost;           // a bit for each line of kEverything the damage costs
 };
