@@ -23,16 +23,6 @@ std::string Run(const std::string &cmd) {
     return pclose(p) == 0 ? "" : "`" + cmd + "` failed: " + out;
 }
 
-// A namespace by this name can only be left over from a dead process whose
-// pid we now have, so it is ours to replace. Parallel first uses of `ip netns`
-// may race on its mount point: one retry covers that.
-std::string AddNamespace(const std::string &name) {
-    (void)Run("ip netns del " + name);
-    if (Run("ip netns add " + name).empty()) return "";
-    usleep(200 * 1000);
-    return Run("ip netns add " + name);
-}
-
 bool Enter(const std::string &name) {
     const int fd = open(("/var/run/netns/" + name).c_str(), O_RDONLY | O_CLOEXEC);
     const bool ok = fd >= 0 && setns(fd, CLONE_NEWNET) == 0;
@@ -48,17 +38,23 @@ std::string NetnsPair::Make() {
     const std::string tag = std::to_string(getpid()) + "x" + std::to_string(g_pairs++);
     device_ = "dtkdev" + tag;
     server_ = "dtksrv" + tag;
-    // Interface names are at most 15 characters: "dtd" + pid + "x" + n fits.
+    // One chain: the first step that fails stops it, and the skip says which. Interface names
+    // are at most 15 characters: "dtd" + pid + "x" + n fits.
+    std::string chain = "ip netns add " + device_ + " && ip netns add " + server_ + " && ip -n " + device_ +
+                        " link add dtd" + tag + " type veth peer name dts" + tag + " netns " + server_;
     const std::string sides[2][3] = {{device_, "dtd" + tag, "10.99.0.1/24"}, {server_, "dts" + tag, "10.99.0.2/24"}};
-    std::string err = AddNamespace(device_);
-    if (err.empty()) err = AddNamespace(server_);
-    if (err.empty())
-        err = Run("ip -n " + device_ + " link add dtd" + tag + " type veth peer name dts" + tag + " netns " + server_);
     for (const auto &side : sides) {
-        const std::string ip = "ip -n " + side[0];
-        for (const std::string &step : {ip + " addr add " + side[2] + " dev " + side[1], ip + " link set lo up",
-                                        ip + " link set " + side[1] + " up", ip + " route add default dev " + side[1]})
-            if (err.empty()) err = Run(step);
+        const std::string ip = " && ip -n " + side[0];
+        chain += ip + " addr add " + side[2] + " dev " + side[1] + ip + " link set lo up" + ip + " link set " +
+                 side[1] + " up" + ip + " route add default dev " + side[1];
+    }
+    // Names with our pid can only be left over from a dead process, so they are ours to replace.
+    // Parallel first uses of `ip netns` may race on its mount point: one retry covers that.
+    std::string err = "not tried";
+    for (int attempt = 0; attempt < 2 && !err.empty(); ++attempt) {
+        (void)Run("ip netns del " + device_ + "; ip netns del " + server_);
+        if (attempt > 0) usleep(200 * 1000);
+        err = Run(chain);
     }
     return err;
 }

@@ -3,6 +3,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <numeric>
 
 #include "platform/DTPlatform.h"
 
@@ -16,11 +17,7 @@ int64_t g_live = 0;
 
 namespace dttest {
 const std::vector<std::string> &Console() { return g_console; }
-std::string ConsoleText() {
-    std::string all;
-    for (const auto &s : g_console) all += s;
-    return all;
-}
+std::string ConsoleText() { return std::accumulate(g_console.begin(), g_console.end(), std::string()); }
 void ClearConsole() { g_console.clear(); }
 void FailMallocAt(uint32_t k) { g_failAt = k ? g_mallocCalls + k : 0; }
 uint32_t MallocCalls() { return g_mallocCalls; }
