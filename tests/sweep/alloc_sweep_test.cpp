@@ -208,6 +208,7 @@ struct Row {
     int64_t (*kept)() = nullptr;   // platform blocks knowingly left (process-wide registrations)
     void (*prepare)() = nullptr;   // once, before the sweep: what stays for the whole process
 };
+void PrintTo(const Row &r, std::ostream *os) { *os << r.name; }  // a stable test name
 
 
 const Row kRows[] = {
