@@ -20,56 +20,41 @@ std::string Run(const std::string &cmd) {
     std::string out;
     char buf[256];
     while (fgets(buf, sizeof buf, p)) out += buf;
-    if (pclose(p) == 0) return "";
-    while (!out.empty() && out.back() == '\n') out.pop_back();
-    return "`" + cmd + "` failed: " + out;
-}
-
-// A namespace by this name can only be left over from a dead process whose
-// pid we now have, so it is ours to replace. Parallel first uses of `ip netns`
-// may race on its mount point: one retry covers that.
-std::string AddNamespace(const std::string &name) {
-    if (access(("/var/run/netns/" + name).c_str(), F_OK) == 0) (void)Run("ip netns del " + name);
-    if (Run("ip netns add " + name).empty()) return "";
-    usleep(200 * 1000);
-    return Run("ip netns add " + name);
+    return pclose(p) == 0 ? "" : "`" + cmd + "` failed: " + out;
 }
 
 bool Enter(const std::string &name) {
-    if (name.empty()) return false;
-    int fd = open(("/var/run/netns/" + name).c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return false;
-    bool ok = setns(fd, CLONE_NEWNET) == 0;
-    close(fd);
+    const int fd = open(("/var/run/netns/" + name).c_str(), O_RDONLY | O_CLOEXEC);
+    const bool ok = fd >= 0 && setns(fd, CLONE_NEWNET) == 0;
+    if (fd >= 0) close(fd);
     return ok;
 }
 
 }  // namespace
 
 std::string NetnsPair::Make() {
-    if (!device_.empty()) return "pair already made";
     if (geteuid() != 0) return "network namespaces need root";
-    if (!Run("ip -V").empty()) return "iproute2 `ip` not found";
     origin_ = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
-    if (origin_ < 0) return "cannot open this thread's network namespace";
-
-    std::string tag = std::to_string(getpid()) + "x" + std::to_string(g_pairs++);
+    const std::string tag = std::to_string(getpid()) + "x" + std::to_string(g_pairs++);
     device_ = "dtkdev" + tag;
     server_ = "dtksrv" + tag;
-    // Interface names are at most 15 characters: "dtd" + pid + "x" + n fits.
-    std::string vd = "dtd" + tag;
-    std::string vs = "dts" + tag;
-
-    std::string err = AddNamespace(device_);
-    if (err.empty()) err = AddNamespace(server_);
-    if (!err.empty()) return err;
-    err = Run("ip -n " + device_ + " link add " + vd + " type veth peer name " + vs + " netns " + server_);
-    const std::string sides[2][3] = {{device_, vd, "10.99.0.1/24"}, {server_, vs, "10.99.0.2/24"}};
+    // One chain: the first step that fails stops it, and the skip says which. Interface names
+    // are at most 15 characters: "dtd" + pid + "x" + n fits.
+    std::string chain = "ip netns add " + device_ + " && ip netns add " + server_ + " && ip -n " + device_ +
+                        " link add dtd" + tag + " type veth peer name dts" + tag + " netns " + server_;
+    const std::string sides[2][3] = {{device_, "dtd" + tag, "10.99.0.1/24"}, {server_, "dts" + tag, "10.99.0.2/24"}};
     for (const auto &side : sides) {
-        const std::string ip = "ip -n " + side[0];
-        for (const std::string &step : {ip + " addr add " + side[2] + " dev " + side[1], ip + " link set lo up",
-                                        ip + " link set " + side[1] + " up", ip + " route add default dev " + side[1]})
-            if (err.empty()) err = Run(step);
+        const std::string ip = " && ip -n " + side[0];
+        chain += ip + " addr add " + side[2] + " dev " + side[1] + ip + " link set lo up" + ip + " link set " +
+                 side[1] + " up" + ip + " route add default dev " + side[1];
+    }
+    // Names with our pid can only be left over from a dead process, so they are ours to replace.
+    // Parallel first uses of `ip netns` may race on its mount point: one retry covers that.
+    std::string err = "not tried";
+    for (int attempt = 0; attempt < 2 && !err.empty(); ++attempt) {
+        (void)Run("ip netns del " + device_ + "; ip netns del " + server_);
+        if (attempt > 0) usleep(200 * 1000);
+        err = Run(chain);
     }
     return err;
 }
@@ -85,10 +70,8 @@ NetnsPair::~NetnsPair() {
         close(origin_);
     }
     // Deleting a namespace that was never made only fails, and its name carries our pid.
-    if (!device_.empty()) {
-        (void)Run("ip netns del " + device_);
-        (void)Run("ip netns del " + server_);
-    }
+    if (!device_.empty()) (void)Run("ip netns del " + device_);
+    if (!server_.empty()) (void)Run("ip netns del " + server_);
 }
 
 }  // namespace dttest

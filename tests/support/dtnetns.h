@@ -21,8 +21,7 @@ public:
     // and a process it forks starts there.
     bool EnterDevice();
     bool EnterServer();
-    const std::string &DeviceName() const { return device_; }  // for `ip netns exec`
-    const std::string &ServerName() const { return server_; }
+    const std::string &ServerName() const { return server_; }  // for `ip netns exec`
     ~NetnsPair();  // deletes both namespaces
 
 private:

@@ -3,6 +3,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <numeric>
 
 #include "platform/DTPlatform.h"
 
@@ -11,26 +12,18 @@ std::vector<std::string> g_console;
 std::vector<uint32_t> g_delays;
 uint32_t g_mallocCalls = 0;
 uint32_t g_failAt = 0;    // absolute call number that fails, 0 = none
-uint32_t g_failFrom = 0;  // absolute call number from which all fail, 0 = none
 int64_t g_live = 0;
-uint32_t g_snprintfCalls = 0;
 }  // namespace
 
 namespace dttest {
 const std::vector<std::string> &Console() { return g_console; }
-std::string ConsoleText() {
-    std::string all;
-    for (const auto &s : g_console) all += s;
-    return all;
-}
+std::string ConsoleText() { return std::accumulate(g_console.begin(), g_console.end(), std::string()); }
 void ClearConsole() { g_console.clear(); }
 void FailMallocAt(uint32_t k) { g_failAt = k ? g_mallocCalls + k : 0; }
-void FailMallocFrom(uint32_t k) { g_failFrom = k ? g_mallocCalls + k : 0; }
 uint32_t MallocCalls() { return g_mallocCalls; }
 int64_t LiveBlocks() { return g_live; }
 const std::vector<uint32_t> &Delays() { return g_delays; }
 void ClearDelays() { g_delays.clear(); }
-uint32_t SnprintfCalls() { return g_snprintfCalls; }
 }  // namespace dttest
 
 extern "C" {
@@ -46,14 +39,9 @@ const char *__lsan_default_options() {
 const char *__ubsan_default_options() { return "halt_on_error=1:print_stacktrace=1"; }
 #endif
 
-#if defined(__SANITIZE_THREAD__)
-const char *__tsan_default_options() { return "halt_on_error=1:second_deadlock_stack=1"; }
-#endif
-
 void *Kybe_Malloc(uint32_t size) {
     ++g_mallocCalls;
     if (g_failAt && g_mallocCalls == g_failAt) return nullptr;
-    if (g_failFrom && g_mallocCalls >= g_failFrom) return nullptr;
     void *p = malloc(size ? size : 1);
     if (p) ++g_live;
     return p;
@@ -76,14 +64,5 @@ int Kybe_RawPrint(const char *format, ...) {
 }
 
 void Kybe_Delay(uint32_t units) { g_delays.push_back(units); }
-
-int Lumo_snprintf(char *buffer, size_t size, const char *format, ...) {
-    ++g_snprintfCalls;
-    va_list ap;
-    va_start(ap, format);
-    int n = vsnprintf(buffer, size, format, ap);
-    va_end(ap);
-    return n;
-}
 
 }  // extern "C"

@@ -16,8 +16,6 @@ void ClearConsole();
 
 // Make the k-th Kybe_Malloc call from now fail (1 = the next call). 0 = never.
 void FailMallocAt(uint32_t k);
-// Make every Kybe_Malloc call from the k-th on fail (1 = the next call). 0 = never.
-void FailMallocFrom(uint32_t k);
 // Kybe_Malloc calls since the process started (failed ones included).
 uint32_t MallocCalls();
 // Platform blocks handed out and not yet given back.
@@ -26,8 +24,5 @@ int64_t LiveBlocks();
 // Every Kybe_Delay argument, in order.
 const std::vector<uint32_t> &Delays();
 void ClearDelays();
-
-// Lumo_snprintf calls since the process started.
-uint32_t SnprintfCalls();
 
 }  // namespace dttest
