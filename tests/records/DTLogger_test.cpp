@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include <string>
@@ -101,11 +102,14 @@ TEST(DTLogger, AppendShowAndIgnore) {
 
 TEST(DTLogger, HeaderStackAndFieldsAreBounded) {
     DTLogger *logger = DTLogger_New(255);
+    DTLogger_Header(logger, "a");
     DTLogger_Tail(logger);
+    DTLogger_Tail(logger);  // an empty stack stays empty
     EXPECT_EQ(-1, logger->headerTop);
     DTLogger_ShowToBuf(logger, nullptr);  // no store yet
     DTLogger_ShowToBuf(nullptr, nullptr);
     DTLogger_Append(nullptr, 0, 0, "x");
+    DTLogger_SetInfoSize(nullptr, 1);
     EXPECT_TRUE(dttest::Console().empty());
     for (int i = 0; i <= 100; ++i) DTLogger_Header(logger, std::to_string(i).c_str());
     DTLogger_Header(logger, nullptr);
@@ -121,6 +125,9 @@ TEST(DTLogger, HeaderStackAndFieldsAreBounded) {
     EXPECT_EQ(longText.substr(0, 499), logger->fileName);
     EXPECT_EQ(longText.substr(0, 19), logger->udpAddr);
     EXPECT_EQ(514, logger->udpPort);
+    const int fd = open("/dev/null", O_RDONLY);  // a host's file: the release closes it
+    logger->fd = fd;
     DTLogger_Release(logger);
+    EXPECT_EQ(-1, fcntl(fd, F_GETFD));
     DTLogger_Release(nullptr);
 }

@@ -9,9 +9,7 @@
 
 #include <string>
 
-namespace {
-
-std::string Fmt(const char *pattern, int32_t t) {
+static std::string Fmt(const char *pattern, int32_t t) {
     char buf[64];
     memset(buf, '#', sizeof buf);
     DTTime_Format(buf, pattern, t);
@@ -19,8 +17,8 @@ std::string Fmt(const char *pattern, int32_t t) {
     return buf;
 }
 
-// A token's width is 2 for upper case: deciding that with "> 'A'" in place of ">= 'A'"
-// changes nothing, as no token starts with 'A'; a null buffer comes back as 0 either way;
+// A token's width is 2 for upper case: deciding that with "> 'A'" or "< 'Z'" in place of
+// ">= 'A'" or "<= 'Z'" changes nothing, as no token starts with 'A' or 'Z'; a null buffer comes back as 0 either way;
 // the magnitude of 0 is 0 whether or not it is taken by negation.
 TEST(DTTime, FormatTokens) {
     setenv("TZ", "UTC", 1);
@@ -63,5 +61,3 @@ TEST(DTTime, ClockReadings) {
     EXPECT_GE(elapsed, 30000u);
     EXPECT_LT(elapsed, 5000000u);
 }
-
-}  // namespace

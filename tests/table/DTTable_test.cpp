@@ -40,7 +40,8 @@ std::string ToBuf(DTTable *t) {
 
 // Equal by design, so not cases: a formatter result of 0 taken from strlen of the
 // empty text it wrote; a new column's width starting at 1 (every render measures
-// first); a row list with a push limit (rows are only ever set); a read of a
+// first); a column or row list with a push limit (both are only ever set); a total's
+// length starting at 1 (every kind that keeps it sets it first); a read of a
 // missing column in an existing row (only defined columns hold cells); widening
 // to a width already held; a centring run of 0 blanks under a caption as wide as
 // the table.
@@ -57,6 +58,7 @@ TEST(DTTable, ModelGrowsOnDemandAndRefusesWhatItCannotStore) {
     EXPECT_EQ(7, got);  // a copy, independent of the caller's variable
     DTTable_Set(t, -1, 2, &v);
     DTTable_Set(t, 0, -1, &v);
+    DTTable_Set(nullptr, 0, 2, &v);
     DTTable_Set(t, 6, 2, nullptr);
     EXPECT_EQ(3, DTTable_GetColNum(t));
     EXPECT_EQ(6, DTTable_GetRowNum(t));
@@ -92,10 +94,11 @@ TEST(DTTable, SumTotalsInTheColumnsKind) {
         {DTTABLE_KIND_INT32, "%d", {2147483647.0, 1, 0}, "-2147483648", 13},
         {DTTABLE_KIND_INT64, "%lld", {9223372036854775807.0, 1, 0}, "-9223372036854775808", 22},
         {7, "%lld", {5, 5, 5}, "0", 3},  // cells of kinds above 4 hold nothing to add
+        {DTTABLE_KIND_INT32, "%2147483648d", {1, 1, 1}, "", 2},  // the formatter's error: no text
     };
     for (const auto &c : cases) {
         DTTable *t = DTTable_New();
-        DTTable_SetTitle(t, 0, "x", c.kind, c.format, 'R');
+        DTTable_SetTitle(t, 0, "", c.kind, c.format, 'R');
         for (int32_t r = 0; r < 3; ++r) {
             double d = c.values[r];
             float f = static_cast<float>(d);
@@ -156,6 +159,8 @@ TEST(DTTableRender, ExampleOnEverySinkThenCleared) {
               "------------\ntotal count = 3\n------------\n", ToBuf(t));
     DTTable_Clear(t);  // the caption stays
     EXPECT_EQ("\nMemory\n\n\n\n\ntotal count = 0\n\n", ToBuf(t));
+    dttest::FailMallocAt(1);  // no print object
+    EXPECT_EQ(0, DTTable_ShowToBuffer(t, buf, sizeof buf));
     ASSERT_EQ(DTTable_ShowToBuffer(t, buf, 16), 11);  // no columns is no width, not a hole
     EXPECT_EQ(std::string(buf, 11), "\nMemory\n\n\n\n");
     DTTable_SetCaption(t, nullptr);
@@ -167,13 +172,16 @@ TEST(DTTableRender, ExampleOnEverySinkThenCleared) {
 // Missing cells are blank whatever the alignment, a centred odd surplus goes
 // right, cells of kinds above 4 are blank, and a hole in the columns stops it all.
 TEST(DTTableRender, BlanksAndHoles) {
+    int64_t before = dttest::LiveBlocks();
     DTTable *t = DTTable_New();
     DTTable_SetTitle(t, 0, "c", DTTABLE_KIND_STRING, "%s", 'C');
     DTTable_SetTitle(t, 1, "r", DTTABLE_KIND_STRING, "%s", 'r');
     DTTable_SetTitle(t, 2, "k", 9, "%lld", 'l');
+    DTTable_Set(t, 1, 0, std::string(99, 'z').c_str());  // its freed cell is the next one's memory
+    DTTable_ClearLines(t);
+    DTTable_Set(t, 1, 2, "zz");
     DTTable_Set(t, 0, 0, "abcd");
     DTTable_Set(t, 1, 0, "a");
-    DTTable_Set(t, 1, 2, "zz");
     EXPECT_EQ("  c    r  k \n ----  -  - \n abcd       \n  a         \n"
               "------------\ntotal count = 2\n------------\n", ToBuf(t));
     DTTable_Clear(t);
@@ -186,6 +194,7 @@ TEST(DTTableRender, BlanksAndHoles) {
     EXPECT_STREQ("ntouched", buf + 1);  // only the print object's initial zero lands
     EXPECT_TRUE(dttest::Console().empty());
     DTTable_Release(t);
+    EXPECT_EQ(before, dttest::LiveBlocks());
 }
 
 }  // namespace
