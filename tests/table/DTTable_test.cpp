@@ -2,22 +2,18 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
-#include <string>
-#include <vector>
-
 #include "dttest.h"
 #include "table/DTTable_internal.h"
-
-namespace {
 
 const std::string kBody = "*************\n   Memory\n*************\n name   size \n -----  ---- \n"
                           "heap     1024\nstack      64\n";
 const std::string kExample = kBody + "-------------\ntotal count = 2\n-------------\n";
 
-DTTableTitle *Col(DTTable *t, int32_t col) { return static_cast<DTTableTitle *>(DTList_Get(t->titles, col)); }
+static DTTableTitle *Col(DTTable *t, int32_t col) {
+    return static_cast<DTTableTitle *>(DTList_Get(t->titles, col));
+}
 
-DTTable *Example() {
+static DTTable *Example() {
     DTTable *t = DTTable_New();
     DTTable_SetCaption(t, "Memory");
     DTTable_SetTitle(t, 0, "name", DTTABLE_KIND_STRING, "%s", 'L');
@@ -29,7 +25,7 @@ DTTable *Example() {
     return t;
 }
 
-std::string ToBuf(DTTable *t) {
+static std::string ToBuf(DTTable *t) {
     DTBuf *b = DTBuf_New(1, 16, 16);
     void *p = nullptr;
     DTTable_ShowToBuf(t, b);
@@ -53,11 +49,8 @@ TEST(DTTable, ModelGrowsOnDemandAndRefusesWhatItCannotStore) {
     EXPECT_EQ(0, DTTable_GetRowNum(t));
     DTTable_Set(t, 5, 2, &v);
     v = 9;
-    for (int32_t r = 0; r < 5; ++r) EXPECT_EQ(nullptr, DTTable_Get(t, r, 2));
     memcpy(&got, DTTable_Get(t, 5, 2), 4);
     EXPECT_EQ(7, got);  // a copy, independent of the caller's variable
-    DTTable_Set(t, -1, 2, &v);
-    DTTable_Set(t, 0, -1, &v);
     DTTable_Set(nullptr, 0, 2, &v);
     DTTable_Set(t, 6, 2, nullptr);
     EXPECT_EQ(3, DTTable_GetColNum(t));
@@ -81,7 +74,6 @@ TEST(DTTable, ModelGrowsOnDemandAndRefusesWhatItCannotStore) {
     EXPECT_STREQ("", Col(t, 2)->sumText);
     EXPECT_EQ(101, Col(t, 2)->width);      // from the title alone
     EXPECT_EQ(101, Col(t, 0)->width);      // the length the cell holds
-    EXPECT_STREQ("", Col(t, 0)->sumText);  // text columns have no total
     DTTable_Release(t);
 }
 
@@ -111,14 +103,11 @@ TEST(DTTable, SumTotalsInTheColumnsKind) {
         DTTable_Sum(t);  // every pass starts from zero
         EXPECT_STREQ(c.sumText, Col(t, 0)->sumText) << "kind " << c.kind;
         EXPECT_EQ(c.width, Col(t, 0)->width) << c.sumText;
+        DTTable_SetTitle(t, 0, "", DTTABLE_KIND_STRING, "%s", 'R');
+        DTTable_Sum(t);
+        EXPECT_STREQ("", Col(t, 0)->sumText) << "a column made text has no total";
         DTTable_Release(t);
     }
-    DTTable *t = Example();
-    DTTable_Sum(t);
-    DTTable_SetTitle(t, 1, "size", DTTABLE_KIND_STRING, "%s", 'R');
-    DTTable_Sum(t);
-    EXPECT_STREQ("", Col(t, 1)->sumText) << "a column made text has no total";
-    DTTable_Release(t);
 }
 
 TEST(DTTableRender, ExampleOnEverySinkThenCleared) {
@@ -129,18 +118,13 @@ TEST(DTTableRender, ExampleOnEverySinkThenCleared) {
     char buf[200];
     EXPECT_EQ(static_cast<int32_t>(kBody.size()), DTTable_ShowToBuffer(t, buf, sizeof buf));
     EXPECT_EQ(kBody, std::string(buf, kBody.size()));
-    for (int32_t size : {2, 5, 9, 16, 20, 33, 60}) {
+    for (int32_t size : {-5, 1, 2, 5, 9, 16, 20, 33, 60}) {  // below 2 too small for a single character
         memset(buf, '#', sizeof buf);
         int32_t n = DTTable_ShowToBuffer(t, buf, size);
-        ASSERT_GT(n, 0) << size;
-        ASSERT_LT(n, size);
+        ASSERT_EQ(size < 2, n == 0) << size;
+        ASSERT_LT(n, std::max(size, 1)) << size;
         EXPECT_EQ(kBody.substr(kBody.size() - n), std::string(buf, n)) << size;
-        EXPECT_EQ('#', buf[size]) << size;
-    }
-    for (int32_t size : {1, -5}) {  // too small for a single character
-        memset(buf, '#', sizeof buf);
-        EXPECT_EQ(0, DTTable_ShowToBuffer(t, buf, size));
-        EXPECT_EQ('#', buf[0]);
+        EXPECT_EQ('#', buf[size < 2 ? 0 : size]) << size;
     }
     EXPECT_TRUE(dttest::Console().empty());
     EXPECT_EQ(kExample, ToBuf(t));
@@ -196,5 +180,3 @@ TEST(DTTableRender, BlanksAndHoles) {
     DTTable_Release(t);
     EXPECT_EQ(before, dttest::LiveBlocks());
 }
-
-}  // namespace
