@@ -15,9 +15,8 @@ static std::string Hex(const void *p) {
 // Records a walk from the start finds.
 static int Count(DTInfo *info, const char *filter) {
     uint32_t cursor = DTINFO_START;
-    int n = 0;
-    while (DTInfo_Get(info, filter, 0, &cursor, nullptr, nullptr, nullptr, nullptr)) ++n;
-    return n;
+    for (int n = 0;; ++n)
+        if (!DTInfo_Get(info, filter, 0, &cursor, nullptr, nullptr, nullptr, nullptr)) return n;
 }
 
 TEST(DTInfo, NewFramingFlagsAndIgnore) {

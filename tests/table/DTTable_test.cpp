@@ -66,6 +66,8 @@ TEST(DTTable, ModelGrowsOnDemandAndRefusesWhatItCannotStore) {
     char src[] = "abc";
     DTTable_Set(t, 0, 0, src);
     src[0] = 'X';
+    DTTable_Set(t, -1, 0, "neg");  // refused, or it would land on row 0
+    DTTable_Set(t, 0, -1, "neg");  // refused, or it would land on column 0
     EXPECT_STREQ("abc", static_cast<char *>(DTTable_Get(t, 0, 0)));
     EXPECT_EQ(DTTable_Get(t, 0, 0), DTTable_Get(t, -3, -1));  // negative reads the first
     DTTable_Set(t, 1, 0, s150.c_str());
