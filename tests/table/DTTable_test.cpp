@@ -88,7 +88,6 @@ TEST(DTTable, SumTotalsInTheColumnsKind) {
         {DTTABLE_KIND_INT32, "%d", {2147483647.0, 1, 0}, "-2147483648", 13},
         {DTTABLE_KIND_INT64, "%lld", {9223372036854775807.0, 1, 0}, "-9223372036854775808", 22},
         {7, "%lld", {5, 5, 5}, "0", 3},  // cells of kinds above 4 hold nothing to add
-        {DTTABLE_KIND_INT32, "%2147483648d", {1, 1, 1}, "", 2},  // the formatter's error: no text
     };
     for (const auto &c : cases) {
         DTTable *t = DTTable_New();
@@ -161,11 +160,12 @@ TEST(DTTableRender, BlanksAndHoles) {
     int64_t before = dttest::LiveBlocks();
     DTTable *t = DTTable_New();
     DTTable_SetTitle(t, 0, "c", DTTABLE_KIND_STRING, "%s", 'C');
-    DTTable_SetTitle(t, 1, "r", DTTABLE_KIND_STRING, "%s", 'r');
+    DTTable_SetTitle(t, 1, "r", DTTABLE_KIND_INT32, "%2147483648d", 'r');  // the formatter fails: no text
     DTTable_SetTitle(t, 2, "k", 9, "%lld", 'l');
     DTTable_Set(t, 1, 0, std::string(99, 'z').c_str());  // its freed cell is the next one's memory
     DTTable_ClearLines(t);
     DTTable_Set(t, 1, 2, "zz");
+    DTTable_Set(t, 0, 1, "four");
     DTTable_Set(t, 0, 0, "abcd");
     DTTable_Set(t, 1, 0, "a");
     EXPECT_EQ("  c    r  k \n ----  -  - \n abcd       \n  a         \n"
