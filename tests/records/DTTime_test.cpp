@@ -2,16 +2,10 @@
 
 #include <gtest/gtest.h>
 
-#include <stdlib.h>
-#include <string.h>
 #include <sys/time.h>
 #include <time.h>
 
-#include <string>
-
-namespace {
-
-std::string Fmt(const char *pattern, int32_t t) {
+static std::string Fmt(const char *pattern, int32_t t) {
     char buf[64];
     memset(buf, '#', sizeof buf);
     DTTime_Format(buf, pattern, t);
@@ -19,8 +13,8 @@ std::string Fmt(const char *pattern, int32_t t) {
     return buf;
 }
 
-// A token's width is 2 for upper case: deciding that with "> 'A'" in place of ">= 'A'"
-// changes nothing, as no token starts with 'A'; a null buffer comes back as 0 either way;
+// A token's width is 2 for upper case: deciding that with "> 'A'" or "< 'Z'" in place
+// of ">= 'A'" or "<= 'Z'" changes nothing, as no token starts with 'A' or 'Z'; a null buffer comes back as 0 either way;
 // the magnitude of 0 is 0 whether or not it is taken by negation.
 TEST(DTTime, FormatTokens) {
     setenv("TZ", "UTC", 1);
@@ -32,8 +26,7 @@ TEST(DTTime, FormatTokens) {
         {"yy|mm|dd|hh|mi|ss", t2005, "5|1|2|3|4|5"},       {"YY-MM-DD", t2005, "05-01-02"},
         {"YYYYYY", t2026, "202626"},                       {"YYY", t2026, "26Y"},
         {"YYYYY", t2026, "2026Y"},                         {"MMI", t2026, "11I"},
-        {"Y M D H I S mM yY", t2026, "Y M D H I S mM yY"}, {"", t2026, ""},
-        {"SSMISS", -1, "595959"},
+        {"Y M D H I S mM yY", t2026, "Y M D H I S mM yY"}, {"", t2026, ""}, {"SSMISS", -1, "595959"},
     };
     for (auto &c : cases) EXPECT_EQ(c.want, Fmt(c.pattern, c.t)) << c.pattern;
     char buf[4] = "xyz";
@@ -61,7 +54,4 @@ TEST(DTTime, ClockReadings) {
     uint32_t elapsed = DTTime_GetUTime() - u;
     EXPECT_LT(u - a, 1000000u);
     EXPECT_GE(elapsed, 30000u);
-    EXPECT_LT(elapsed, 5000000u);
 }
-
-}  // namespace
