@@ -40,17 +40,10 @@ inline void SendDatagram(const Bytes &b) {
     close(s);
 }
 
-struct Msg {
-    uint32_t length, type, sequence;
-    Bytes payload;
-};
+struct Msg { uint32_t length, type, sequence; Bytes payload; };
 
 // For int and long records, data holds the value's bytes.
-struct Record {
-    uint8_t kind;
-    uint32_t section, block, code;
-    Bytes data;
-};
+struct Record { uint8_t kind; uint32_t section, block, code; Bytes data; };
 
 inline std::string Text(const Bytes &b) { return std::string(b.begin(), b.end()); }
 
@@ -65,8 +58,7 @@ inline std::vector<Record> Records(const std::vector<Msg> &msgs) {
             const size_t at = i + (k <= 2 ? 13 : 15);
             const size_t n = k == 1 ? 4 : k == 2 ? 8 : size_t(p[i + 13] << 8 | p[i + 14]);
             if (at + n > p.size()) return out;
-            Bytes data(p.begin() + at, p.begin() + at + n);
-            out.push_back({p[i], Be32(&p[i + 1]), Be32(&p[i + 5]), Be32(&p[i + 9]), data});
+            out.push_back({p[i], Be32(&p[i + 1]), Be32(&p[i + 5]), Be32(&p[i + 9]), {&p[at], &p[at] + n}});
             i = at + n;
         }
     }
@@ -129,9 +121,8 @@ inline std::vector<Msg> Collect(uint32_t type, uint32_t seq = 0, int closeAfter 
 inline bool Udp9099Held() {
     std::ifstream table("/proc/net/udp");
     std::string line;
-    while (std::getline(table, line)) {
+    while (std::getline(table, line))
         if (line.find(":238B ") == line.find(':') + 10) return true;
-    }
     return false;
 }
 
@@ -142,11 +133,9 @@ inline bool Udp9099Held() {
 inline bool StartAgent(uint32_t identity) {
     if (Udp9099Held()) return false;
     std::thread([identity] { Collect_Init(identity); }).detach();
-    for (int i = 0; i < 500; i++) {
-        if (Udp9099Held()) return true;
+    for (int i = 0; i < 500 && !Udp9099Held(); i++)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return false;
+    return Udp9099Held();
 }
 
 // The agent's log as the host's console shows it, one line a record (stamps included).

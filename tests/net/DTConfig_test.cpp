@@ -51,9 +51,6 @@ class DTConfigNet : public testing::Test {
         for (int i = 0; i < 3; ++i)
             if (socks[i] < 0) GTEST_SKIP() << "cannot bind the server sockets";
     }
-    void TearDown() override {
-        for (int s : socks) DTSock_UDP_Close(s);
-    }
     dttest::NetnsPair ns;
     int socks[3] = {-1, -1, -1};
 };
@@ -70,8 +67,10 @@ int Pending(int sock) {
 // request on socket `on` and answers with `reply` from socket `from`.
 struct Step { int on; std::string reply; int from; };
 
-// A request is never empty ("=>config" at least), so refusing a length of 0 as
-// well as a negative one changes nothing. The terminator forced after the host's
+// Equal, so not cases: a request is never empty ("=>config" at least) and never
+// over-long once checked, so refusing a length of 0 as well as a negative one, or
+// refusing with 0 for -1, changes nothing; the socket is made only while none is
+// open, so testing it against 1 in place of 0 then changes nothing either. The terminator forced after the host's
 // formatter guards formatters that do not write one; the test platform's always does.
 // The request goes out by its length, so the terminator written after it is never sent.
 TEST_F(DTConfigNet, FirstQueryBroadcastsThenFollowsWhoeverAnswered) {
@@ -125,15 +124,6 @@ TEST_F(DTConfigNet, NoServerWaitsOnceThenNeverSendsAgain) {
     EXPECT_LT(MsSince(t0), 200);
     EXPECT_EQ(Pending(socks[0]), 1) << "the broadcast";
     EXPECT_EQ(Pending(socks[1]), 0);
-}
-
-TEST_F(DTConfigNet, TakenPortMeansNoQueryForGood) {
-    int blocker = DTSock_UDP_Create("0.0.0.0", 8998);
-    ASSERT_GE(blocker, 0);
-    EXPECT_EQ(DTConfig_GetInt("a", "b", 5), 5);
-    DTSock_UDP_Close(blocker);
-    EXPECT_EQ(DTConfig_GetInt("a", "b", 5), 5) << "the port is free now, but too late";
-    EXPECT_EQ(Pending(socks[0]), 0);
 }
 
 }  // namespace
