@@ -24,9 +24,7 @@ using Bytes = std::vector<uint8_t>;
 // What one registered section holds under owner 100 (the block header included).
 const uint32_t kSectionBytes = sizeof(CollectSection) + 4;
 
-inline uint32_t Be32(const uint8_t *p) {
-    return (uint32_t(p[0]) << 24) | (uint32_t(p[1]) << 16) | (uint32_t(p[2]) << 8) | p[3];
-}
+inline uint32_t Be32(const uint8_t *p) { return uint32_t(p[0]) << 24 | p[1] << 16 | p[2] << 8 | p[3]; }
 inline Bytes Request(uint32_t length, uint32_t type, uint32_t seq, uint32_t port) {
     Bytes b;
     for (uint32_t v : {length, type, seq, port})
@@ -83,8 +81,7 @@ inline uint16_t Listen(int *lsock) {
 // Plays the collector on a listener: takes one connection and reads every message
 // until the other end closes, acknowledging each as `ack` says; closeAfter k closes
 // as soon as the k-th message is in, unacknowledged. Each wait lasts at most waitMs.
-inline std::vector<Msg> Read(int lsock, int closeAfter = 0, Ack ack = Ack::Normal,
-                             int waitMs = 10000) {
+inline std::vector<Msg> Read(int lsock, int closeAfter = 0, Ack ack = Ack::Normal, int waitMs = 10000) {
     timeval tv{waitMs / 1000, waitMs % 1000 * 1000};
     setsockopt(lsock, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
     const int fd = accept(lsock, nullptr, nullptr);  // inherits the time-out
