@@ -38,9 +38,11 @@ TEST(CollectClient, RequestsAndRefusals) {
     dttest::FailMallocAt(1);
     EXPECT_EQ(CollectClient_Start("127.0.0.1", port), 0) << "connected, but no send buffer";
     close(lsock);
-    close(0);  // a host without standard input: each refused socket below is descriptor 0
-    EXPECT_EQ(CollectClient_Init(), -1) << "port 9099 is taken";
+    // A host without standard input: each refused socket below is descriptor 0 (the
+    // capture holds a descriptor of its own from the start, so it takes another).
     testing::internal::CaptureStdout();
+    close(0);
+    EXPECT_EQ(CollectClient_Init(), -1) << "port 9099 is taken";
     EXPECT_EQ(CollectClient_Start("127.0.0.1", port), 0);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "connect error.\n");
     EXPECT_EQ(dup(sock), 0) << "both refused sockets are closed";
