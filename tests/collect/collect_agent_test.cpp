@@ -30,6 +30,8 @@ void CpuCollect(uint32_t type) {
 // The request socket gets descriptor 0 (a host that closed its standard input), and
 // the requester matches the allow list's second slot. After each misbehaving
 // collector the next one is served whole and owner 100 holds only the sections.
+// Not a case: the identity message's type set to 0 again, as a new send buffer holds
+// it already; only a host's own client session left open could hold another.
 TEST(CollectAgent, OneRequestByteForByteThenMisbehavingCollectors) {
     CollectSection *gone = Collect_New("gone", nullptr, nullptr);
     g_cpu = Collect_New("cpu", CpuCollect, nullptr);
