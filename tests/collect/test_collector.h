@@ -24,9 +24,7 @@ using Bytes = std::vector<uint8_t>;
 // What one registered section holds under owner 100 (the block header included).
 const uint32_t kSectionBytes = sizeof(CollectSection) + 4;
 
-inline uint32_t Be32(const uint8_t *p) {
-    return (uint32_t(p[0]) << 24) | (uint32_t(p[1]) << 16) | (uint32_t(p[2]) << 8) | p[3];
-}
+inline uint32_t Be32(const uint8_t *p) { return uint32_t(p[0]) << 24 | p[1] << 16 | p[2] << 8 | p[3]; }
 inline Bytes Request(uint32_t length, uint32_t type, uint32_t seq, uint32_t port) {
     Bytes b;
     for (uint32_t v : {length, type, seq, port})
@@ -40,17 +38,10 @@ inline void SendDatagram(const Bytes &b) {
     close(s);
 }
 
-struct Msg {
-    uint32_t length, type, sequence;
-    Bytes payload;
-};
+struct Msg { uint32_t length, type, sequence; Bytes payload; };
 
 // For int and long records, data holds the value's bytes.
-struct Record {
-    uint8_t kind;
-    uint32_t section, block, code;
-    Bytes data;
-};
+struct Record { uint8_t kind; uint32_t section, block, code; Bytes data; };
 
 inline std::string Text(const Bytes &b) { return std::string(b.begin(), b.end()); }
 
@@ -65,8 +56,7 @@ inline std::vector<Record> Records(const std::vector<Msg> &msgs) {
             const size_t at = i + (k <= 2 ? 13 : 15);
             const size_t n = k == 1 ? 4 : k == 2 ? 8 : size_t(p[i + 13] << 8 | p[i + 14]);
             if (at + n > p.size()) return out;
-            Bytes data(p.begin() + at, p.begin() + at + n);
-            out.push_back({p[i], Be32(&p[i + 1]), Be32(&p[i + 5]), Be32(&p[i + 9]), data});
+            out.push_back({p[i], Be32(&p[i + 1]), Be32(&p[i + 5]), Be32(&p[i + 9]), {&p[at], &p[at] + n}});
             i = at + n;
         }
     }
@@ -91,8 +81,7 @@ inline uint16_t Listen(int *lsock) {
 // Plays the collector on a listener: takes one connection and reads every message
 // until the other end closes, acknowledging each as `ack` says; closeAfter k closes
 // as soon as the k-th message is in, unacknowledged. Each wait lasts at most waitMs.
-inline std::vector<Msg> Read(int lsock, int closeAfter = 0, Ack ack = Ack::Normal,
-                             int waitMs = 10000) {
+inline std::vector<Msg> Read(int lsock, int closeAfter = 0, Ack ack = Ack::Normal, int waitMs = 10000) {
     timeval tv{waitMs / 1000, waitMs % 1000 * 1000};
     setsockopt(lsock, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
     const int fd = accept(lsock, nullptr, nullptr);  // inherits the time-out
@@ -129,9 +118,8 @@ inline std::vector<Msg> Collect(uint32_t type, uint32_t seq = 0, int closeAfter 
 inline bool Udp9099Held() {
     std::ifstream table("/proc/net/udp");
     std::string line;
-    while (std::getline(table, line)) {
+    while (std::getline(table, line))
         if (line.find(":238B ") == line.find(':') + 10) return true;
-    }
     return false;
 }
 
@@ -142,11 +130,9 @@ inline bool Udp9099Held() {
 inline bool StartAgent(uint32_t identity) {
     if (Udp9099Held()) return false;
     std::thread([identity] { Collect_Init(identity); }).detach();
-    for (int i = 0; i < 500; i++) {
-        if (Udp9099Held()) return true;
+    for (int i = 0; i < 500 && !Udp9099Held(); i++)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return false;
+    return Udp9099Held();
 }
 
 // The agent's log as the host's console shows it, one line a record (stamps included).

@@ -2,9 +2,9 @@
 
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <string>
 #include <thread>
@@ -15,22 +15,14 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-int64_t MsSince(Clock::time_point t0) {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t0).count();
-}
-
 TEST(DTConfig, RepliesConvertAsIntegers) {
     const struct { int32_t result; const char *reply; int32_t value; } cases[] = {
         {3, "0x10", 16}, {2, "010", 8},         {5, " 42abc", 42},       {3, "abc", 0},  {2, "-1", -1},
         {9, "4294967296", 0}, {9, "4294967295", -1}, {0, "12", 7}, {-1, "12", 7}, {1, nullptr, 7},
     };
-    for (const auto &c : cases) EXPECT_EQ(DTConfig_IntFromReply_(c.result, c.reply, 7), c.value) << c.reply;
+    for (const auto &c : cases)
+        EXPECT_EQ(DTConfig_IntFromReply_(c.result, c.reply, 7), c.value) << c.reply;
     EXPECT_EQ(DTConfig_TextFromReply_(1, "x", "dflt", nullptr), 1);
-    char out[8];
-    DTConfig_TextFromReply_(0, "x", "dflt", out);  // nothing received keeps the default
-    EXPECT_STREQ(out, "dflt");
 }
 
 // A namespace pair whose server side has three sockets: 0 takes broadcasts
@@ -48,42 +40,33 @@ class DTConfigNet : public testing::Test {
         socks[1] = DTSock_UDP_Create("10.99.0.2", 8999);
         socks[2] = DTSock_UDP_Create("10.99.0.3", 40000);
         if (!ns.EnterDevice()) GTEST_SKIP() << "cannot enter the device namespace";
-        for (int i = 0; i < 3; ++i)
-            if (socks[i] < 0) GTEST_SKIP() << "cannot bind the server sockets";
-    }
-    void TearDown() override {
-        for (int s : socks) DTSock_UDP_Close(s);
+        if (socks[0] < 0 || socks[1] < 0 || socks[2] < 0) GTEST_SKIP() << "cannot bind the server sockets";
     }
     dttest::NetnsPair ns;
     int socks[3] = {-1, -1, -1};
 };
 
-// Datagrams waiting on a server socket, each one taken.
-int Pending(int sock) {
-    int n = 0;
-    char buf[1100];
-    for (pollfd p{sock, POLLIN, 0}; poll(&p, 1, 200) == 1; ++n) DTSock_UDP_RecvMessage(sock, nullptr, nullptr, buf, 1099);
-    return n;
-}
-
 // The server's side, scripted: a step waits (2 s at most) for the next
 // request on socket `on` and answers with `reply` from socket `from`.
 struct Step { int on; std::string reply; int from; };
 
-// A request is never empty ("=>config" at least), so refusing a length of 0 as
-// well as a negative one changes nothing. The terminator forced after the host's
-// formatter guards formatters that do not write one; the test platform's always does.
-// The request goes out by its length, so the terminator written after it is never sent.
+// Equal, so not cases: a request is never empty ("=>config" at least) and never
+// over-long once checked, so refusing a length of 0 as well as a negative one, or
+// refusing with 0 for -1, changes nothing; the socket is made only while none is
+// open, so testing it against 1 in place of 0 then changes nothing either. The
+// terminator forced after the host's formatter guards formatters that do not write
+// one; the test platform's always does. The request goes out by its length, so the
+// terminator written after it is never sent.
 TEST_F(DTConfigNet, FirstQueryBroadcastsThenFollowsWhoeverAnswered) {
-    const Step steps[] = {{0, "9000", 1}, {1, "hello", 2}, {2, "", 2}, {2, std::string(1200, 'a'), 2}, {2, "max", 2}};
+    const Step steps[] = {{0, "9000", 1}, {1, "hello", 2}, {2, "", 2}, {2, std::string(1200, 'a'), 2},
+                          {2, "max", 2}};
     std::string got[5];  // each step's request
     std::thread server([&] {
         for (int k = 0; k < 5; ++k) {
             const Step &s = steps[k];
             pollfd p{socks[s.on], POLLIN, 0};
             if (poll(&p, 1, 2000) != 1) return;
-            char buf[1100];
-            char from[16];
+            char buf[1100], from[16];
             int32_t port = 0;
             int32_t n = DTSock_UDP_RecvMessage(socks[s.on], from, &port, buf, 1099);
             got[k] = std::string(buf, n > 0 ? n : 0);
@@ -110,30 +93,18 @@ TEST_F(DTConfigNet, FirstQueryBroadcastsThenFollowsWhoeverAnswered) {
     EXPECT_EQ(got[1], "=>config net name dflt") << "unicast to the first replier";
     // To the second replier's address and port; the unsigned default as signed text.
     EXPECT_EQ(got[2], "=>config s u -1");
-    EXPECT_EQ(got[3], "=>config s t dflt");
     EXPECT_EQ(got[4].size(), 999u);
 }
 
+// The second query is not sent at all: the broadcast is the only datagram.
 TEST_F(DTConfigNet, NoServerWaitsOnceThenNeverSendsAgain) {
-    Clock::time_point t0 = Clock::now();
     EXPECT_EQ(DTConfig_GetInt("a", "b", 5), 5);
-    EXPECT_GE(MsSince(t0), 950);
-    t0 = Clock::now();
     char out[16];
     EXPECT_EQ(DTConfig_GetString("a", "b", "dflt", out), 1);
     EXPECT_STREQ(out, "dflt");
-    EXPECT_LT(MsSince(t0), 200);
-    EXPECT_EQ(Pending(socks[0]), 1) << "the broadcast";
-    EXPECT_EQ(Pending(socks[1]), 0);
-}
-
-TEST_F(DTConfigNet, TakenPortMeansNoQueryForGood) {
-    int blocker = DTSock_UDP_Create("0.0.0.0", 8998);
-    ASSERT_GE(blocker, 0);
-    EXPECT_EQ(DTConfig_GetInt("a", "b", 5), 5);
-    DTSock_UDP_Close(blocker);
-    EXPECT_EQ(DTConfig_GetInt("a", "b", 5), 5) << "the port is free now, but too late";
-    EXPECT_EQ(Pending(socks[0]), 0);
+    char buf[64];  // the broadcast came during the first query's wait
+    EXPECT_GT(recv(socks[0], buf, sizeof buf, MSG_DONTWAIT), 0) << "the broadcast";
+    EXPECT_LT(recv(socks[0], buf, sizeof buf, MSG_DONTWAIT), 0) << "no second one";
 }
 
 }  // namespace
