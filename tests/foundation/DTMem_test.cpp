@@ -75,17 +75,13 @@ TEST(DTMem, StaticPoolCarvesChunksAndBypassesLargeRequests) {
 
 // What a resize keeps, growing and shrinking, is checked by the allocation sweep's
 // realloc row in the run where nothing fails.
-TEST(DTMem, WrappingSizesNeverReachThePlatform) {
-    // Sizes that would wrap with their header or rounding.
+TEST(DTMem, WrappingSizesAndOffsetsStopAtTheEnd) {
+    // Sizes that would wrap with their header or rounding never reach the platform.
     EXPECT_EQ(DTMem_Malloc(4, 0xFFFFFFFD), nullptr);
     EXPECT_EQ(DTMem_New(0xFFFFFFF9, 0), nullptr);
     EXPECT_EQ(DTMem_Malloc_Static(4, 0xFFFFFFFE), nullptr);
     EXPECT_EQ(dttest::MallocCalls(), 0u);
-}
-
-TEST(DTMem, OffsetOperationsStopAtTheEnd) {
     DTMemBlock *m = DTMem_New(10, 0);
-    ASSERT_NE(m, nullptr);
     uint8_t dst[8];
     struct { uint32_t off, len, want; } cases[] = {
         {0, 10, 10}, {9, 1, 1}, {8, 5, 2}, {10, 1, 0}, {0xFFFFFFFF, 2, 0}, {3, 0, 0}};
