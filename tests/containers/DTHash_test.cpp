@@ -19,6 +19,7 @@ uint32_t U32(const void *p) {
 uint32_t TopByte(const void *key, uint32_t, uint32_t) { return U32(key) >> 24; }
 // Every key in one bucket, so a lookup has to tell keys apart by their bytes.
 uint32_t SameBucket(const void *, uint32_t, uint32_t) { return 0xFFFFFFFFu; }
+uint32_t FirstByte(const void *key, uint32_t, uint32_t) { return *static_cast<const uint8_t *>(key); }
 int32_t Set(DTHash *h, uint32_t key, uint32_t value) { return DTHash_Set(h, &key, &value); }
 void Del(DTHash *h, uint32_t key) { DTHash_Delete(h, &key); }
 // The value, or -1 when missing (then the out pointer must have been nulled).
@@ -108,15 +109,16 @@ TEST(DTHash, FindAndShowGoByBucketThenNewestFirst) {
     DTHash_Delete(h, nullptr);
     DTHash_Release(h);
 
-    h = DTHash_New(4, 2, 1, nullptr);
-    ASSERT_EQ(DTHash_Set(h, "\0\0\0\x07", "\x12\x34"), 1);
-    ASSERT_EQ(DTHash_Set(h, "\xAB\0\x01\x02", "\xFF\0"), 1);
+    // Four buckets mask: a mask one too wide would swap these two buckets.
+    h = DTHash_New(4, 2, 4, FirstByte);
+    ASSERT_EQ(DTHash_Set(h, "\x02\0\0\x07", "\x12\x34"), 1);
+    ASSERT_EQ(DTHash_Set(h, "\x01\0\x01\x02", "\xFF\0"), 1);
     dttest::ClearConsole();
     DTHash_Show(h);
     const std::string d = std::string(41, '-') + "\n";
     EXPECT_EQ(dttest::Console(),
-              (Lines{"key=>\n", "format:*4S\n", "0001[4S]=>\n", "AB 00 01 02 \n", "result=>\n", "format:*2S\n",
-                     "0001[2S]=>\n", "FF 00 \n", d, "key=>\n", "format:*4S\n", "0001[4S]=>\n", "00 00 00 07 \n",
+              (Lines{"key=>\n", "format:*4S\n", "0001[4S]=>\n", "01 00 01 02 \n", "result=>\n", "format:*2S\n",
+                     "0001[2S]=>\n", "FF 00 \n", d, "key=>\n", "format:*4S\n", "0001[4S]=>\n", "02 00 00 07 \n",
                      "result=>\n", "format:*2S\n", "0001[2S]=>\n", "12 34 \n", d}));
     DTHash_Release(h);
 }
