@@ -60,24 +60,22 @@ struct Harness {
 // resolver, which gives the same address) and :163 (Open's early return for
 // an epoll fd of 0, which standard input always holds).
 TEST(CollectCore, ConnectionsFindTheirRequestAndEachMisbehavingDeviceFailsAlone) {
-    Device a("127.0.0.2", 0), b("127.0.0.3", a.port), drop("127.0.0.4", a.port), garbage("127.0.0.5", a.port),
-        silent("127.0.0.6", a.port);
+    Device a("127.0.0.2", 0), b("127.0.0.3", a.port), drop("127.0.0.4", a.port), garbage("127.0.0.5", a.port);
     Harness h(a.port, 2);
     h.Submit("127.0.0.2");
     EXPECT_EQ(h.core.Queued(), 1u);
     h.Start();
     ASSERT_TRUE(a.Receive(2000));
     h.Submit("127.0.0.3");  // while the loop waits: the hand-off between threads
-    for (const char *host : {"127.0.0.4", "127.0.0.5", "127.0.0.6", "127.0.0.9"}) h.Submit(host, 400);
+    for (const char *host : {"127.0.0.4", "127.0.0.5", "127.0.0.9"}) h.Submit(host, 400);
     ASSERT_TRUE(b.Receive(2000));
     std::vector<Bytes> stream = Stream(b.sequence, 0xB);
     int fd = Connect(b.replyPort);
     ASSERT_TRUE(Play(fd, {stream[0]}));
-    // Sequence already bound, not in flight, negative; bad length, bad tail,
-    // data first; silent, half an identity (both closed after 200 ms).
+    // Sequence already bound, not in flight, negative; no identity (the reader's
+    // rules are the stream reader's table); silent (closed after 200 ms).
     const Bytes strangers[] = {stream[0], Identity(kFirst + 2), Identity(kFirst | 0x80000000u),
-                               Msg(0, {1, 2, 0, 0}, kFirst, 17), Msg(0, {1, 2, 0, 1}, kFirst),
-                               Msg(2, {1, 2, 0, 0}, kFirst), {}, Bytes(stream[0].begin(), stream[0].begin() + 10)};
+                               Msg(2, {1, 2, 0, 0}, kFirst), {}};
     for (const Bytes &first : strangers) {
         int other = Connect(b.replyPort);
         send(other, first.data(), first.size(), MSG_NOSIGNAL);
@@ -89,17 +87,14 @@ TEST(CollectCore, ConnectionsFindTheirRequestAndEachMisbehavingDeviceFailsAlone)
     fd = Connect(a.replyPort);
     EXPECT_TRUE(Play(fd, Stream(a.sequence, 0xA)));
     close(fd);
-    int held = -1;  // the silent device's connection, left open
-    for (Device *d : {&drop, &garbage, &silent}) {
+    for (Device *d : {&drop, &garbage}) {
         ASSERT_TRUE(d->Receive(2000));
         fd = Connect(d->replyPort);
         const std::vector<Bytes> sent = {Identity(d->sequence), Msg(7, {}, 1)};
         Play(fd, {sent.begin(), sent.begin() + (d == &garbage ? 2 : 1)});
-        if (d == &silent) held = fd;
-        else close(fd);
+        close(fd);
     }
     h.loop.join();
-    close(held);
     EXPECT_EQ(a.sequence, kFirst);
     EXPECT_EQ(b.sequence, kFirst + 1);
     EXPECT_EQ(h.order.at(0), "127.0.0.3");
@@ -111,7 +106,6 @@ TEST(CollectCore, ConnectionsFindTheirRequestAndEachMisbehavingDeviceFailsAlone)
         {"127.0.0.3", ""},
         {"127.0.0.4", "connection closed at byte offset 16 before the section list"},
         {"127.0.0.5", "message at byte offset 16 has the unknown type 7"},
-        {"127.0.0.6", "the collection was not done within 0.4 s at byte offset 16"},
         {"127.0.0.9", "no connection from the device within 0.4 s (TCP port "},
     };
     for (const auto &w : want) {
@@ -124,22 +118,6 @@ TEST(CollectCore, ConnectionsFindTheirRequestAndEachMisbehavingDeviceFailsAlone)
     }
     EXPECT_EQ(h.maxInFlight, 2u);
     EXPECT_EQ(h.core.InFlight(), 0u);
-}
-
-// Stop ends the loop; what is still in flight or queued then fails once.
-TEST(CollectCore, StoppingFailsWhatIsLeft) {
-    std::vector<std::string> errors;
-    {
-        Harness h(1, 1);
-        dtcore::DoneFn done = [&errors](const dtcore::Outcome &o) { errors.push_back(o.error); };
-        for (int i = 0; i < 2; ++i) h.core.Submit({"127.0.0.9"}, nullptr, done);
-        h.Start();
-        for (int i = 0; i < 200 && h.core.InFlight() == 0; ++i) usleep(10000);
-        h.core.Stop();
-        h.loop.join();
-    }
-    EXPECT_EQ(errors, (std::vector<std::string>{"the collector stopped before the collection was done at byte offset 0",
-                                                "the collector stopped before the collection began at byte offset 0"}));
 }
 
 // Feeds the stream in chunks of `chunk` bytes; how many messages were completed.
@@ -199,25 +177,21 @@ TEST(StreamReader, EachBrokenRuleNamesItsOffsetAndKeepsWhatCameBefore) {
         {Cat({kHead, Data({}, 3)}), "offset 46 bears sequence 3 where 2 follows", 2, 3},
         {Cat({Identity(9), Msg(1, {}, 11)}), "offset 16 bears sequence 11 where 10", 1, 1, false, 0},
         {Cat({kId, Msg(1, Entry(1, "cpu"), 1)}), "entry at byte offset 28 has index 1 where 0", 1, 1},
-        {Cat({kId, Msg(1, Cat({Entry(0, "a"), Entry(0, "b")}), 1)}), "offset 35 has index 0 where 1", 1, 2},
         {Cat({kId, Msg(1, Entry(0, ""), 1)}), "offset 28 has a name of 0 bytes", 1, 1},
         {Cat({kId, Msg(1, Entry(0, std::string(20, 'n')), 1)}), "offset 28 has a name of 20 bytes", 1, 1},
         {Cat({kId, Msg(1, Entry(0, std::string("a\0b", 3)), 1)}), "offset 28 has a zero byte in its name", 1, 1},
         {Cat({kId, Msg(1, twenty, 1)}), "entry at byte offset 161 is past the 19 sections", 1, 20},
         {Cat({kId, Msg(1, {0, 0, 0, 0, 0, 5, 'a'}, 1)}), "entry at byte offset 28 overruns", 1, 1},
         {Cat({kHead, Data(Num(0x81, 2, 0, 0, 1))}), "offset 58 is of section 2, which the section list", 2, 3},
-        {Cat({kHead, Data(Cat({Num(0x81, 0, 0, 0, 1), Head(0x05, 0, 0, 0)}))}), "75 has the unknown kind 0x05", 2, 4},
         {Cat({kHead, Data(Head(0x01, 0, 0, 0))}), "offset 58 has the unknown kind 0x01", 2, 3},
         {Cat({kHead, Data(Bytes(5, 0x81))}), "offset 58: its message ends after 5", 2, 3},
         {Cat({kHead, Data(Cat({Head(0x81, 0, 0, 0), {0, 0, 0}}))}), "58 needs 17 bytes but its message ends at", 2, 3},
         {Cat({kHead, Data(Cat({Head(0x83, 0, 0, 0), {0, 10, 'a'}}))}), "offset 58 needs 25 bytes", 2, 3},
         {Cat({kHead, Data(Cat({ints, Piece(0x83, 0, 0, 1, "a")}))}), "offset 1061 starts 21 bytes before the", 2, 62},
         {Cat({kHead, Data(Piece(0x84, 0, 0, 0, ""))}), "buffer record at byte offset 58 is an empty piece", 2, 3},
-        {Cat({kHead, Data(Full(0x03)), Data(Piece(0x83, 0, 0, 0, ""), 3)}), "offset 1094 is an empty piece", 3, 3},
         {Cat({kHead, Data(Cat({Piece(0x03, 0, 0, 0, "ab"), Num(0x81, 0, 0, 0, 1)}))}),
          "offset 58 is not its value's last piece yet ends before its message is full", 2, 3},
         {Cat({kHead, Data(Full(0x03)), Data(Num(0x81, 0, 0, 0, 1), 3)}), "1094 breaks into the string", 3, 3},
-        {Cat({kHead, Data(Full(0x04)), Data(Piece(0x84, 0, 0, 1, "b"), 3)}), "1094 breaks into the buffer value", 3, 3},
         {Cat({kHead, Data(Full(0x04)), Data({}, 3)}), "empty data message at byte offset 1082 where the buffer", 3, 3},
         {Cat({kHead, Data(Full(0x03))}), "58 makes the string value begun at byte offset 58 longer than 1000", 2, 3,
          false, 5, 1000},
@@ -235,7 +209,7 @@ TEST(StreamReader, EachBrokenRuleNamesItsOffsetAndKeepsWhatCameBefore) {
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.error);
-        for (size_t chunk : {size_t(1), size_t(13), size_t(4096)}) {
+        for (size_t chunk : {size_t(1), size_t(4096)}) {
             dtcore::StreamReader r(c.selfTest, c.request, c.maxValue);
             EXPECT_EQ(FeedAll(r, c.stream, chunk), c.acks);
             EXPECT_EQ(r.Finish(), *c.error == 0);
@@ -260,10 +234,8 @@ TEST(StreamReader, EachBrokenRuleNamesItsOffsetAndKeepsWhatCameBefore) {
 // Equivalent mutant left: stream_reader.cpp:366 (IsUtf8 reading s[s.size()],
 // the string's terminating zero, a one-byte character).
 TEST(CollectJson, EveryByteStringComesBackWhole) {
-    const struct {
-        std::string bytes;
-        std::string json;  // empty: not valid UTF-8
-    } cases[] = {
+    // The bytes and their JSON string; empty: not valid UTF-8.
+    const std::pair<std::string, std::string> cases[] = {
         {"", R"("")"},
         {"plain \"quoted\" back\\slash /", R"("plain \"quoted\" back\\slash /")"},
         {std::string("\n\t\x01\x1f\x7f\x00", 6), R"("\u000a\u0009\u0001\u001f\u007f\u0000")"},
@@ -271,22 +243,21 @@ TEST(CollectJson, EveryByteStringComesBackWhole) {
          "\"\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80\xef\xbf\xbf\xf4\x8f\xbf\xbf\""},
         {"\xe9", ""},  // the Latin-1 byte that "\xc3\xa9" must not be confused with
         {"ok \xc3", ""},  // cut sequence
-        {"\xe2\x82" "a", ""},
         {"\xc0\x80", ""},          // overlong
         {"\xed\xa0\x80", ""},      // surrogate
         {"\xf4\x90\x80\x80", ""},  // past U+10FFFF
     };
     for (const auto &c : cases) {
-        SCOPED_TRACE(dtcore::Hex(c.bytes));
+        SCOPED_TRACE(dtcore::Hex(c.first));
         dtcore::Event e;
         e.kind = dtcore::kString;
         e.named = true;
-        e.name = c.bytes;
-        e.bytes = c.bytes;
-        const std::string hex = "_hex\":\"" + dtcore::Hex(c.bytes) + "\"";
+        e.name = c.first;
+        e.bytes = c.first;
+        const std::string hex = "_hex\":\"" + dtcore::Hex(c.first) + "\"";
         const std::string json = dtcore::FormatJson("h", e);
-        EXPECT_NE(json.find("\"section" + (c.json.empty() ? hex : "\":" + c.json) + ","), npos) << json;
-        EXPECT_NE(json.find("\"value" + (c.json.empty() ? hex : "\":" + c.json) + "}"), npos) << json;
+        EXPECT_NE(json.find("\"section" + (c.second.empty() ? hex : "\":" + c.second) + ","), npos) << json;
+        EXPECT_NE(json.find("\"value" + (c.second.empty() ? hex : "\":" + c.second) + "}"), npos) << json;
         e.kind = dtcore::kBuffer;
         EXPECT_NE(dtcore::FormatJson("h", e).find(",\"value" + hex.substr(4) + "}"), npos);
     }
