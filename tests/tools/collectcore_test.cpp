@@ -22,7 +22,6 @@ std::vector<Bytes> Stream(uint32_t seq, uint32_t value) {
 struct Harness {
     dtcore::Core core;
     std::thread loop;
-    std::map<std::string, std::vector<uint64_t>> numbers;
     std::map<std::string, std::vector<dtcore::Outcome>> outcomes;  // one per call of the DoneFn
     std::vector<std::string> order;  // hosts in the order they finished
     size_t maxInFlight = 0;
@@ -33,10 +32,7 @@ struct Harness {
         EXPECT_TRUE(core.Open(error)) << error;
     }
     void Submit(const std::string &host, int timeoutMs = 3000) {
-        auto onEvent = [this, host](const dtcore::Event &e) {
-            maxInFlight = std::max(maxInFlight, core.InFlight());
-            if (e.type == dtcore::Event::kValue) numbers[host].push_back(e.number);
-        };
+        auto onEvent = [this](const dtcore::Event &) { maxInFlight = std::max(maxInFlight, core.InFlight()); };
         core.Submit({host, 0, timeoutMs}, onEvent, [this, host](const dtcore::Outcome &o) {
             outcomes[host].push_back(o);
             order.push_back(host);
@@ -99,8 +95,6 @@ TEST(CollectCore, ConnectionsFindTheirRequestAndEachMisbehavingDeviceFailsAlone)
     EXPECT_EQ(b.sequence, kFirst + 1);
     EXPECT_EQ(h.order.at(0), "127.0.0.3");
     EXPECT_EQ(h.order.at(1), "127.0.0.2");
-    EXPECT_EQ(h.numbers["127.0.0.2"], std::vector<uint64_t>{0xA});
-    EXPECT_EQ(h.numbers["127.0.0.3"], std::vector<uint64_t>{0xB});
     const std::pair<const char *, const char *> want[] = {
         {"127.0.0.2", ""},
         {"127.0.0.3", ""},
