@@ -39,8 +39,9 @@ TEST(ExporterExposition, LabelValuesAreValidAndKeepEveryByte) {
 TEST(ExporterRequests, ProbeParametersAndTheScrapeTimeout) {
     const std::string typeError = ": 0, 1 or 2 for a collection, 3 for a self test";
     const std::string longName(254, 'a');
+    using Params = std::multimap<std::string, std::string>;
     // The error, or "target type timeoutMs".
-    const struct { std::multimap<std::string, std::string> params; const char *header; std::string result; } cases[] = {
+    const struct { Params params; const char *header; std::string result; } cases[] = {
         {{{"target", "10.0.0.1"}}, nullptr, "10.0.0.1 0 4000"},
         {{{"target", "dev-1.example_net"}, {"type", "3"}}, "10", "dev-1.example_net 3 4000"},
         {{{"target", longName.substr(1)}}, "3", longName.substr(1) + " 0 2500"},
