@@ -35,6 +35,7 @@ TEST(DtcollectArgs, UsageAndBadUsage) {
         {{"--sequence", "00000000001", "h"}, "", "bad value for --sequence: 00000000001"},  // 11 digits
         {{"--hosts-file", ""}, "", "bad value for --hosts-file: (empty)"},
         {{"--hosts-file", "/nonexistent/hosts"}, "", "cannot read the hosts file /nonexistent/hosts"},
+        {{"--hosts-file", "/dev/null"}, "", "no HOST given"},  // read, and empty
         {{"--hosts-file", "-"}, "a\n\n b c # two\n", "(standard input):3: more than one host on the line"},
         {{"h", "--timeout"}, "", "--timeout needs a value"},
         {{"--bogus", "h"}, "", "unknown option --bogus"},
