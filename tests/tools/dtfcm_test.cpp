@@ -25,8 +25,7 @@ std::string Program(const std::vector<std::string> &args, int expect) {
 // A small file written by the library itself: names with and without a
 // space-free prefix in common, a log line, and one value of each family.
 TEST_F(Dtfcm, RoundTripPrintsWhatTheHostRecorded) {
-    DTFaultRecord *net = DTFault_Regist("net", nullptr);
-    DTFaultRecord *net2 = DTFault_Regist("net 2", nullptr);
+    DTFaultRecord *net = DTFault_Regist("net", nullptr), *net2 = DTFault_Regist("net 2", nullptr);
     DTFault_SetRunLog(net2, 3, 0, "eth1 down");
     DTFault_SetCounter(net, 7, 1);
     DTFault_SetRegist64(net2, 0x10, 0x0102030405060708ull);
@@ -39,14 +38,13 @@ TEST_F(Dtfcm, RoundTripPrintsWhatTheHostRecorded) {
     const std::vector<dtfcm::Record> good = dtfcm::Decode(file).records;
     ASSERT_EQ(good.size(), 6u);
     EXPECT_EQ(good[0].text.size(), 15u) << "the time stamp record";
-    const std::string text = Program({DTFAULT_FILE}, 0);
+    const std::string text = Program({DTFAULT_FILE}, 0), json = Program({"--json"}, 0);
     EXPECT_NE(text.find("1 run net 2: eth1 down\n"), npos) << text;
     EXPECT_NE(text.find("3 net counter id=0x00000007 value=0x00000001\n"), npos) << text;
     EXPECT_NE(text.find("3 net 2 register64 id=0x00000010 value=0x0102030405060708\n"), npos) << text;
     EXPECT_NE(text.find("3 net 2 value id=0x00000009 len=4 bytes=DE AD 00 EF\n"), npos) << text;
     EXPECT_NE(text.find("3 net counter block id=0x00000002 len=2 bytes=DE AD\n"), npos) << text;
     EXPECT_EQ(Program({}, 0), text) << "the library's own path is the default";
-    const std::string json = Program({"--json"}, 0);
     const std::string run = "{\"section\":1,\"offset\":" + std::to_string(good[1].offset);
     EXPECT_NE(json.find(run + ",\"marker\":\"run\",\"name\":\"net 2\",\"text\":\"eth1 down\"}\n"), npos) << json;
     EXPECT_NE(json.find("\"kind\":\"value\",\"code\":6,\"name\":\"net 2\",\"id\":9,\"bytes\":\"DEAD00EF\"}"), npos);
