@@ -114,6 +114,22 @@ TEST(CollectCore, ConnectionsFindTheirRequestAndEachMisbehavingDeviceFailsAlone)
     EXPECT_EQ(h.core.InFlight(), 0u);
 }
 
+// Stop ends the loop; what is still in flight or queued then fails once.
+TEST(CollectCore, StoppingFailsWhatIsLeft) {
+    std::vector<std::string> errors;
+    {
+        Harness h(1, 1);
+        dtcore::DoneFn done = [&errors](const dtcore::Outcome &o) { errors.push_back(o.error); };
+        for (int i = 0; i < 2; ++i) h.core.Submit({"127.0.0.9"}, nullptr, done);
+        h.Start();
+        for (int i = 0; i < 200 && h.core.InFlight() == 0; ++i) usleep(10000);
+        h.core.Stop();
+        h.loop.join();
+    }
+    EXPECT_EQ(errors, (std::vector<std::string>{"the collector stopped before the collection was done at byte offset 0",
+                                                "the collector stopped before the collection began at byte offset 0"}));
+}
+
 // Feeds the stream in chunks of `chunk` bytes; how many messages were completed.
 size_t FeedAll(dtcore::StreamReader &r, const Bytes &stream, size_t chunk) {
     size_t acks = 0;
