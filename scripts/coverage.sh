@@ -28,7 +28,9 @@ install_missing coverage.sh ${need[@]+"${need[@]}"}
 
 mkdir -p "$out"
 if [ -w / ]; then fcm=/fcm.log; else fcm=$dir/fcm.log; fi
-flags=--coverage
+# Atomic counter updates: the tools run threads (the exporter's HTTP pool), and racing
+# increments can leave a negative branch count that gcovr refuses to read.
+flags="--coverage -fprofile-update=atomic"
 echo "== coverage: configure and build"
 cmake -S "$root" -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DDTKIT_FAULT_FILE="$fcm" \
   -DCMAKE_C_FLAGS="$flags" -DCMAKE_CXX_FLAGS="$flags" -DCMAKE_EXE_LINKER_FLAGS="$flags" \
