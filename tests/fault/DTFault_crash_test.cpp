@@ -4,19 +4,14 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <functional>
 #include <regex>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "containers/DTList_internal.h"
 #include "dttest.h"
 #include "fault/DTFault_internal.h"
-#include "fault/DTFault.h"
 #include "fcm_decode.h"
 #include "fcm_file.h"
 #include "records/DTLogger_internal.h"
@@ -151,14 +146,13 @@ int Child(const std::function<void()> &body) {
 
 // dtfcm's output for the fault file (the program itself, under the emulator when cross-built),
 // which it reads without complaint: it exits 0.
-std::string Dtfcm(const char *args) {
+std::string Dtfcm() {
     std::string out;
-    FILE *p = popen((std::string(DTFCM_COMMAND " ") + args + " " DTFAULT_FILE " 2>&1").c_str(), "r");
+    FILE *p = popen(DTFCM_COMMAND " " DTFAULT_FILE " 2>&1", "r");
     for (int c; p && (c = fgetc(p)) != EOF;) out += char(c);
     EXPECT_EQ(p ? pclose(p) : -1, 0) << out;
     return out;
 }
-std::vector<dtfcm::Record> Decoded(const Bytes &file) { return dtfcm::Decode(file).records; }
 
 class Crash : public FcmFileTest {};
 
@@ -167,7 +161,6 @@ void HostPlain(int) { _exit(41); }
 void HostInfo(int, siginfo_t *info, void *) { _exit(info->si_addr == nullptr ? 42 : 43); }
 struct sigaction g_info;
 void SegvInASave() { DTFault_Regist("cb", NullDeref), DTFault_Start(); }  // in a save callback
-void HostReturns(int) {}
 // A second thread sends itself a crash signal while this one saves: it waits, then dies by
 // its own signal, before this one, whose signal the host's handler took, ends the process.
 void SecondThreadCrashesMeanwhile() {
@@ -197,8 +190,8 @@ struct Row {
 Row Damaged(void (*d)(Host &), unsigned lost) { return {"SIGSEGV", SIGSEGV, NullDeref, SIGSEGV, d, lost}; }
 
 // Each crash in a child: the file holds every line and value once, and the crash record
-// right after the named fault's run log, its stamp before it, in text and JSON; a
-// host's handler installed before runs after the save.
+// right after the named fault's run log, its stamp before it; a host's handler
+// installed before runs after the save.
 TEST_F(Crash, EveryCrashSavesTheFaultPictureAndDiesByItsSignal) {
     Host h = Populate(0);
     g_info.sa_sigaction = HostInfo;
@@ -212,7 +205,7 @@ TEST_F(Crash, EveryCrashSavesTheFaultPictureAndDiesByItsSignal) {
 #if defined(__x86_64__) || defined(__i386__) || defined(__powerpc__)
         {"SIGILL", SIGILL, IllegalInstruction, SIGILL, nullptr, 0},  // elsewhere none is known illegal
 #endif
-        {"SIGFPE", SIGFPE, SecondThreadCrashesMeanwhile, SIGSEGV, [](Host &) { signal(SIGFPE, HostReturns); }, 0},
+        {"SIGFPE", SIGFPE, SecondThreadCrashesMeanwhile, SIGSEGV, [](Host &) { signal(SIGFPE, [](int) {}); }, 0},
         {"SIGSEGV", SIGSEGV, NullDeref, 141, [](Host &) { signal(SIGSEGV, HostPlain); }, 0},
         {"SIGSEGV", SIGSEGV, NullDeref, 142, [](Host &) { sigaction(SIGSEGV, &g_info, nullptr); }, 0},
         {"SIGSEGV", SIGSEGV, [] { kill(getpid(), SIGSEGV); }, 141,
@@ -239,7 +232,7 @@ TEST_F(Crash, EveryCrashSavesTheFaultPictureAndDiesByItsSignal) {
             c.crash();
         });
         EXPECT_EQ(WIFSIGNALED(status) ? WTERMSIG(status) : 100 + WEXITSTATUS(status), c.dies) << status;
-        std::string text = "\n" + Dtfcm("");
+        std::string text = "\n" + Dtfcm();
         EXPECT_NE(text.find("\n1 run net: crash: " + std::string(c.name)), npos) << text;
         for (size_t i = 0; i < std::size(kEverything); ++i) {
             const std::string line = "\n" + std::string(kEverything[i]);
@@ -248,19 +241,13 @@ TEST_F(Crash, EveryCrashSavesTheFaultPictureAndDiesByItsSignal) {
             EXPECT_EQ(text.find(line, at + 1), npos) << "twice: " << line;
         }
         if (c.lost != 0) continue;
-        std::vector<dtfcm::Record> r = Decoded(ReadFcm());
+        std::vector<dtfcm::Record> r = dtfcm::Decode(ReadFcm()).records;
         ASSERT_EQ(r.size(), 13u);
         EXPECT_EQ(r[3].text, "crc error");
         EXPECT_TRUE(std::regex_match(r[4].text, std::regex("\\d\\d/\\d\\d \\d\\d:\\d\\d:\\d\\d "))) << r[4].text;
         dtfcm::Crash got;
         ASSERT_TRUE(dtfcm::ParseCrash(r[5].text, got)) << r[5].text;
-        EXPECT_EQ(r[5].name, "net");
-        EXPECT_EQ(got.signal, c.name);
         EXPECT_EQ(got.number, c.sig);
-        EXPECT_EQ(r[6].name, "disk");
-        std::string json = Dtfcm("--json");
-        EXPECT_NE(json.find("\"crash\":{\"signal\":\"" + got.signal + "\",\"number\":" + std::to_string(c.sig) +
-                            ",\"addr\":\"" + got.addr + "\",\"pc\":\"" + got.pc + "\"}}"), npos) << json;
         const bool faultAddress = c.crash == BusError || c.crash == IllegalInstruction;
         EXPECT_NE(got.addr == kZero, faultAddress) << "a null dereference, or sent: no address";
         if (c.crash != NullDeref && c.crash != SegvInASave) continue;
@@ -307,7 +294,7 @@ TEST_F(Crash, RefusalsTheAlternateStackTheStampAndSwitchingOff) {
     for (const auto &c : cases) {
         g_now = c.first;
         DTFault_CrashSave_(SIGTERM, nullptr, nullptr);
-        std::vector<dtfcm::Record> r = Decoded(ReadFcm());
+        std::vector<dtfcm::Record> r = dtfcm::Decode(ReadFcm()).records;
         ASSERT_EQ(r.size(), 2u);
         EXPECT_EQ(r[0].text, c.second) << c.first;
         EXPECT_EQ(r[1].text.substr(0, 22), "crash: SIG? signal 15 ");
@@ -433,7 +420,7 @@ TEST_F(Crash, CrashSaveWritesWhatTheSaveWrites) {
     size_t added = crash.size() - normal.size();
     EXPECT_TRUE(std::equal(normal.begin(), normal.begin() + end, crash.begin()));
     EXPECT_TRUE(std::equal(normal.begin() + end, normal.end(), crash.begin() + end + added));
-    std::vector<dtfcm::Record> r = Decoded(Bytes(crash.begin() + end, crash.begin() + end + added));
+    std::vector<dtfcm::Record> r = dtfcm::Decode(Bytes(crash.begin() + end, crash.begin() + end + added)).records;
     ASSERT_EQ(r.size(), 2u);
     EXPECT_EQ(r[1].text, "crash: SIGFPE signal 8 addr " + kZero + " pc " + kZero) << "no signal, no context";
 }

@@ -2,9 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <string>
-#include <vector>
-
 #include "dttest.h"
 #include "fcm_file.h"
 #include "records/DTLogger_internal.h"
@@ -13,21 +10,16 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-Bytes Cat(std::initializer_list<Bytes> parts) {
-    Bytes out;
-    for (const auto &p : parts) out.insert(out.end(), p.begin(), p.end());
-    return out;
-}
 // One file record: its 16-bit length, then the text.
-Bytes Rec(const Bytes &b) { return Cat({{uint8_t(b.size() >> 8), uint8_t(b.size())}, b}); }
-Bytes Rec(const std::string &s) { return Rec(Bytes(s.begin(), s.end())); }
+std::string Rec(const std::string &s) { return std::string{char(s.size() >> 8), char(s.size())} + s; }
 // A value record: the name's length + 1 and the kind lead the name, then the payload: words
 // big-endian, then bytes.
-Bytes Value(const std::string &name, uint8_t kind, std::initializer_list<uint32_t> words, Bytes tail = {}) {
-    Bytes out = Cat({{uint8_t(name.size() + 1), kind}, Bytes(name.begin(), name.end())});
-    for (uint32_t w : words) out.insert(out.end(), {uint8_t(w >> 24), uint8_t(w >> 16), uint8_t(w >> 8), uint8_t(w)});
-    return Rec(Cat({out, tail}));
+std::string Value(const std::string &name, char kind, std::initializer_list<uint32_t> words, std::string tail = "") {
+    std::string out = std::string{char(name.size() + 1), kind} + name;
+    for (uint32_t w : words) out += {char(w >> 24), char(w >> 16), char(w >> 8), char(w)};
+    return Rec(out + tail);
 }
+Bytes File(const std::string &s) { return Bytes(s.begin(), s.end()); }
 
 class DTFault : public FcmFileTest {};
 
@@ -102,12 +94,12 @@ TEST_F(DTFault, FilesByteForByte) {
     DTFault_Start();
     EXPECT_EQ(dttest::ConsoleText(),
               "start callback [net]\nend callback [net]\nstart callback [disk]\nend callback [disk]\n");
-    const Bytes logs = Cat({Rec("log net boot"), Rec("run disk by callback"), {0, 0}});
-    const Bytes cb = Value("disk", 0, {0x40, 0xDEADBEEF});
-    EXPECT_EQ(ReadFcm(), Cat({logs, Value("net", 0, {1, 2}), Value("net", 1, {1, 1, 2}),
-                              Value("net", 2, {2, 4}, {1, 0, 2, 0}), Value("net", 3, {7, 1}),
-                              Value("net", 4, {8, 0xFFFFFFFF, 1}), Value("net", 5, {9, 3}, {1, 0, 2}),
-                              Value("net", 6, {9, 0}), Value("disk", 6, {10, 3}, {1, 0, 2}), cb}));
+    const std::string logs = Rec("log net boot") + Rec("run disk by callback") + std::string(2, 0);
+    const std::string cb = Value("disk", 0, {0x40, 0xDEADBEEF});
+    EXPECT_EQ(ReadFcm(), File(logs + Value("net", 0, {1, 2}) + Value("net", 1, {1, 1, 2}) +
+                              Value("net", 2, {2, 4}, {1, 0, 2, 0}) + Value("net", 3, {7, 1}) +
+                              Value("net", 4, {8, 0xFFFFFFFF, 1}) + Value("net", 5, {9, 3}, {1, 0, 2}) +
+                              Value("net", 6, {9, 0}) + Value("disk", 6, {10, 3}, {1, 0, 2}) + cb));
 
     // The second save writes the logs again, and only the values recorded since: of the sizes
     // at the edges, the largest value is stored, but its file record would need 65535 + 2 + 3.
@@ -125,9 +117,9 @@ TEST_F(DTFault, FilesByteForByte) {
     EXPECT_GT(g_DTFault_Info->freeAddr, used) << "the largest value is stored";
     DTFault_SetValue(net, 5, big.data(), 65535 - 5 - 8);  // a file record of length 65535 exactly
     DTFault_Start();
-    EXPECT_EQ(ReadFcm(), Cat({logs, Value("net", 3, {7, 2}),
-                              Value("net", 5, {2, DTFAULT_BLOCK_MAX}, Bytes(DTFAULT_BLOCK_MAX, 0xAB)),
-                              Value("net", 6, {5, 65535 - 13}, Bytes(65535 - 13, 0xAB)), cb}));
+    EXPECT_EQ(ReadFcm(), File(logs + Value("net", 3, {7, 2}) +
+                              Value("net", 5, {2, DTFAULT_BLOCK_MAX}, std::string(DTFAULT_BLOCK_MAX, '\xAB')) +
+                              Value("net", 6, {5, 65535 - 13}, std::string(65535 - 13, '\xAB')) + cb));
 }
 
 }  // namespace

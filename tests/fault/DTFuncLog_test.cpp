@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <string>
-
 #include "dttest.h"
 #include "records/DTBuffer.h"
 
