@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <future>
-
 #include "collect/collect_client_internal.h"
 #include "collect/collect_getdata.h"
 #include "test_collector.h"
@@ -33,17 +31,16 @@ TEST(CollectClient, RequestsAndRefusals) {
     int32_t sock = CollectClient_Init();
     ASSERT_GE(sock, 0);
     EXPECT_EQ(CollectClient_Start(nullptr, 1), 0);
-    int lsock = -1;
-    const uint16_t port = ct::Listen(&lsock);
+    ct::Collector collector;
     dttest::FailMallocAt(1);
-    EXPECT_EQ(CollectClient_Start("127.0.0.1", port), 0) << "connected, but no send buffer";
-    close(lsock);
+    EXPECT_EQ(CollectClient_Start("127.0.0.1", collector.port), 0) << "connected, but no send buffer";
+    EXPECT_TRUE(collector.msgs.get().empty()) << "and closed at once";
     // A host without standard input: each refused socket below is descriptor 0 (the
     // capture holds a descriptor of its own from the start, so it takes another).
     testing::internal::CaptureStdout();
     close(0);
     EXPECT_EQ(CollectClient_Init(), -1) << "port 9099 is taken";
-    EXPECT_EQ(CollectClient_Start("127.0.0.1", port), 0);
+    EXPECT_EQ(CollectClient_Start("127.0.0.1", collector.port), 0) << "nobody listens any more";
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "connect error.\n");
     EXPECT_EQ(dup(sock), 0) << "both refused sockets are closed";
     uint32_t type = 0;
@@ -86,19 +83,6 @@ CollectSection *Fresh() { return Collect_New("s", nullptr, nullptr); }
 const Bytes kData(2000, 0x77);
 
 int32_t Str(int32_t len) { return CollectClient_CollectString(1, 0, 3, k50, len); }
-
-// One collection, with a collector on a thread: `prefill` payload bytes, then `write`.
-std::vector<ct::Msg> Session(uint32_t type, int prefill, void (*write)()) {
-    int lsock = -1;
-    const uint16_t port = ct::Listen(&lsock);
-    auto collector = std::async(std::launch::async, [lsock] { return ct::Read(lsock); });
-    EXPECT_EQ(CollectClient_Start("127.0.0.1", 0xABCD0000u | port), 1);
-    if (type != 0) CollectClient_SetType(type);
-    if (prefill > 0) CollectClient_CollectBuffer(kFill, 0, 0, kData.data(), prefill - 15);
-    write();
-    CollectClient_End();
-    return collector.get();
-}
 
 // Equal by design, so not cases: a piece takes at least 10 bytes unless fewer are
 // left, so a put that stops after a 1-byte piece had finished anyway; a struct of
@@ -148,7 +132,13 @@ TEST(CollectClient, WritersFlushAndSplitAtTheBufferEnd) {
         SCOPED_TRACE(c.what);
         // The appends write as an identity message would, the type never set.
         const uint32_t type = c.kinds.empty() ? 0 : COLLECT_MSG_DATA;
-        const auto msgs = Session(type, c.prefill, c.write);
+        ct::Collector collector;  // one collection: `prefill` payload bytes, then `write`
+        EXPECT_EQ(CollectClient_Start("127.0.0.1", 0xABCD0000u | collector.port), 1);
+        if (type != 0) CollectClient_SetType(type);
+        if (c.prefill > 0) CollectClient_CollectBuffer(kFill, 0, 0, kData.data(), c.prefill - 15);
+        c.write();
+        CollectClient_End();
+        const auto msgs = collector.msgs.get();
         EXPECT_EQ(msgs[0].type, type);
         std::vector<size_t> sizes;
         for (const auto &m : msgs) sizes.push_back(m.payload.size());

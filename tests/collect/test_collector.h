@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cstdint>
 #include <fstream>
+#include <future>
 #include <string>
 #include <thread>
 #include <vector>
@@ -49,9 +50,8 @@ inline std::string Text(const Bytes &b) { return std::string(b.begin(), b.end())
 // runs past its message (the test then sees fewer records than it expects).
 inline std::vector<Record> Records(const std::vector<Msg> &msgs) {
     std::vector<Record> out;
-    for (const Msg &m : msgs) {
-        const Bytes &p = m.payload;
-        for (size_t i = 0; m.type == COLLECT_MSG_DATA && i + 15 <= p.size();) {
+    for (const auto &[length, type, sequence, p] : msgs) {
+        for (size_t i = 0; type == COLLECT_MSG_DATA && i + 15 <= p.size();) {
             const uint8_t k = p[i] & 0x7F;
             const size_t at = i + (k <= 2 ? 13 : 15);
             const size_t n = k == 1 ? 4 : k == 2 ? 8 : size_t(p[i + 13] << 8 | p[i + 14]);
@@ -104,6 +104,14 @@ inline std::vector<Msg> Read(int lsock, int closeAfter = 0, Ack ack = Ack::Norma
     return msgs;
 }
 
+// A collector on a thread of its own, listening at `port` from the start; `msgs`
+// is what it read once the other end closed.
+struct Collector {
+    int lsock = -1;
+    const uint16_t port = Listen(&lsock);
+    std::future<std::vector<Msg>> msgs = std::async(std::launch::async, [this] { return Read(lsock); });
+};
+
 // Asks the agent for a collection of this type and plays the collector for it.
 inline std::vector<Msg> Collect(uint32_t type, uint32_t seq = 0, int closeAfter = 0,
                                 Ack ack = Ack::Normal, int waitMs = 10000) {
@@ -117,8 +125,7 @@ inline std::vector<Msg> Collect(uint32_t type, uint32_t seq = 0, int closeAfter 
 // and a space.
 inline bool Udp9099Held() {
     std::ifstream table("/proc/net/udp");
-    std::string line;
-    while (std::getline(table, line))
+    for (std::string line; std::getline(table, line);)
         if (line.find(":238B ") == line.find(':') + 10) return true;
     return false;
 }
@@ -135,22 +142,19 @@ inline bool StartAgent(uint32_t identity) {
     return Udp9099Held();
 }
 
-// The agent's log as the host's console shows it, one line a record (stamps included).
-inline std::string AgentLog() {
+// Whether the agent's log, as the host's console shows it (stamps included), holds text.
+inline bool Logged(const std::string &text) {
     dttest::ClearConsole();
     Collect_ShowLog();
-    return dttest::ConsoleText();
+    return dttest::ConsoleText().find(text) != std::string::npos;
 }
 
 // Owner 100's bytes once they reach `expected`, or after two seconds: the agent
 // frees its send buffer only just after closing the connection.
 inline uint32_t Owner100(uint32_t expected) {
-    DTMemOwnerStats s{};
-    for (int i = 0; i < 200; i++) {
-        DTMem_GetOwnerStats(COLLECT_OWNER, &s);
-        if (s.bytes == expected) break;
+    DTMemOwnerStats s{};  // read by the loop condition before each wait (a read gives 0)
+    for (int i = 0; i < 200 && DTMem_GetOwnerStats(COLLECT_OWNER, &s) == 0 && s.bytes != expected; i++)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
     return s.bytes;
 }
 

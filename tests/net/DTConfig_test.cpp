@@ -20,8 +20,7 @@ TEST(DTConfig, RepliesConvertAsIntegers) {
         {3, "0x10", 16}, {2, "010", 8},         {5, " 42abc", 42},       {3, "abc", 0},  {2, "-1", -1},
         {9, "4294967296", 0}, {9, "4294967295", -1}, {0, "12", 7}, {-1, "12", 7}, {1, nullptr, 7},
     };
-    for (const auto &c : cases)
-        EXPECT_EQ(DTConfig_IntFromReply_(c.result, c.reply, 7), c.value) << c.reply;
+    for (const auto &c : cases) EXPECT_EQ(DTConfig_IntFromReply_(c.result, c.reply, 7), c.value) << c.reply;
     EXPECT_EQ(DTConfig_TextFromReply_(1, "x", "dflt", nullptr), 1);
 }
 
@@ -31,8 +30,7 @@ TEST(DTConfig, RepliesConvertAsIntegers) {
 class DTConfigNet : public testing::Test {
   protected:
     void SetUp() override {
-        std::string why = ns.Make();
-        if (!why.empty()) GTEST_SKIP() << why;
+        if (const std::string why = ns.Make(); !why.empty()) GTEST_SKIP() << why;
         if (system(("ip -n " + ns.ServerName() + " addr add 10.99.0.3/32 dev lo").c_str()) != 0)
             GTEST_SKIP() << "cannot add 10.99.0.3";
         if (!ns.EnterServer()) GTEST_SKIP() << "cannot enter the server namespace";
@@ -46,10 +44,6 @@ class DTConfigNet : public testing::Test {
     int socks[3] = {-1, -1, -1};
 };
 
-// The server's side, scripted: a step waits (2 s at most) for the next
-// request on socket `on` and answers with `reply` from socket `from`.
-struct Step { int on; std::string reply; int from; };
-
 // Equal, so not cases: a request is never empty ("=>config" at least) and never
 // over-long once checked, so refusing a length of 0 as well as a negative one, or
 // refusing with 0 for -1, changes nothing; the socket is made only while none is
@@ -58,12 +52,14 @@ struct Step { int on; std::string reply; int from; };
 // one; the test platform's always does. The request goes out by its length, so the
 // terminator written after it is never sent.
 TEST_F(DTConfigNet, FirstQueryBroadcastsThenFollowsWhoeverAnswered) {
-    const Step steps[] = {{0, "9000", 1}, {1, "hello", 2}, {2, "", 2}, {2, std::string(1200, 'a'), 2},
-                          {2, "max", 2}};
+    // The server's side, scripted: a step waits (2 s at most) for the next
+    // request on socket `on` and answers with `reply` from socket `from`.
+    const struct { int on; std::string reply; int from; } steps[] = {
+        {0, "9000", 1}, {1, "hello", 2}, {2, "", 2}, {2, std::string(1200, 'a'), 2}, {2, "max", 2}};
     std::string got[5];  // each step's request
     std::thread server([&] {
         for (int k = 0; k < 5; ++k) {
-            const Step &s = steps[k];
+            const auto &s = steps[k];
             pollfd p{socks[s.on], POLLIN, 0};
             if (poll(&p, 1, 2000) != 1) return;
             char buf[1100], from[16];
@@ -102,9 +98,9 @@ TEST_F(DTConfigNet, NoServerWaitsOnceThenNeverSendsAgain) {
     char out[16];
     EXPECT_EQ(DTConfig_GetString("a", "b", "dflt", out), 1);
     EXPECT_STREQ(out, "dflt");
-    char buf[64];  // the broadcast came during the first query's wait
-    EXPECT_GT(recv(socks[0], buf, sizeof buf, MSG_DONTWAIT), 0) << "the broadcast";
-    EXPECT_LT(recv(socks[0], buf, sizeof buf, MSG_DONTWAIT), 0) << "no second one";
+    // The broadcast came during the first query's wait.
+    EXPECT_GT(recv(socks[0], out, sizeof out, MSG_DONTWAIT), 0) << "the broadcast";
+    EXPECT_LT(recv(socks[0], out, sizeof out, MSG_DONTWAIT), 0) << "no second one";
 }
 
 }  // namespace

@@ -21,17 +21,13 @@ int32_t Record(DTTimer *) {
     return 1;
 }
 
-int32_t StopAtThird(DTTimer *t) {
-    g_runs.push_back(g_now);
-    return t->times < 2;
-}
+int32_t StopAtThird(DTTimer *t) { return Record(t) && t->times < 2; }
 
 // Registration sets every field of the entry, so clearing it first as well changes nothing.
 // Show lists each timer with a callback: a null one is kept, never run, never shown.
 TEST(DTTimer, FiringRuleOnAControlledClock) {
     const uint32_t wrap = 4294967;  // the last reading before the clock starts again at 0
-    struct Case { DTTimerFn fn; uint32_t interval, registered; std::vector<uint32_t> passes, runs; };
-    const Case cases[] = {
+    const struct { DTTimerFn fn; uint32_t interval, start; std::vector<uint32_t> passes, runs; } cases[] = {
         {Record, 1000, 0, {100, 900, 999, 1000, 1100, 1999, 2000, 2100}, {1000, 2000}},
         {Record, 250, 0, {100, 200, 300, 400, 500, 600, 700}, {300, 600}},  // every third pass
         {Record, 0, 50, {50, 50, 60}, {50, 50, 60}},                       // once in every pass
@@ -40,22 +36,17 @@ TEST(DTTimer, FiringRuleOnAControlledClock) {
         {nullptr, 100, 0, {100, 200}, {}},
         {StopAtThird, 100, 0, {100, 200, 300, 400, 500, 600}, {100, 200, 300}},
     };
-    int32_t pos = 0;
-    for (const Case &c : cases) {
+    for (int32_t pos = 0; pos < int32_t(std::size(cases)); ++pos) {
         SCOPED_TRACE("case " + std::to_string(pos));
-        ASSERT_EQ(DTTimer_RegistAt_(c.fn, c.interval, c.registered), 1);
+        const auto &c = cases[pos];
+        ASSERT_EQ(DTTimer_RegistAt_(c.fn, c.interval, c.start), 1);
         g_runs.clear();
-        for (uint32_t now : c.passes) {
-            g_now = now;
-            DTTimer_PassAt_(now);
-        }
+        for (uint32_t now : c.passes) DTTimer_PassAt_(g_now = now);
         EXPECT_EQ(g_runs, c.runs);  // which implies each entry's times, last and status
         // Out of the way of the next case.
         if (c.fn == Record) static_cast<DTTimer *>(DTList_Get(g_DTTimer_List, pos))->status = 0;
-        ++pos;
     }
-    dttest::ClearConsole();
-    DTTimer_Show();
+    DTTimer_Show();  // the first console output of this process
     ASSERT_EQ(dttest::Console().size(), 7u);
     EXPECT_EQ(dttest::Console()[0].rfind("current tm=", 0), 0u);
     EXPECT_EQ(dttest::Console()[6], "last=300,interval=100,status=0,times=3\n");
