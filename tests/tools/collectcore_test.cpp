@@ -139,8 +139,8 @@ size_t FeedAll(dtcore::StreamReader &r, const Bytes &stream, size_t chunk) {
 }
 
 const Bytes kId = Identity(5);
-const Bytes kList = Msg(1, Cat({Entry(0, "cpu"), Entry(1, "mem")}), 1);
-const Bytes kHead = Cat({kId, kList});  // 46 bytes: the first data message's payload starts at 58
+// 46 bytes: the first data message's payload starts at 58.
+const Bytes kHead = Cat({kId, Msg(1, Cat({Entry(0, "cpu"), Entry(1, "mem")}), 1)});
 Bytes Data(const Bytes &payload, uint32_t seq = 2) { return Msg(2, payload, seq); }
 // A piece that fills a message's payload to its end (1024 bytes).
 Bytes Full(uint8_t kind, uint32_t code = 0) { return Piece(kind, 0, 0, code, std::string(1009, 'x')); }
@@ -259,11 +259,7 @@ TEST(CollectJson, EveryByteStringComesBackWhole) {
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(dtcore::Hex(c.first));
-        dtcore::Event e;
-        e.kind = dtcore::kString;
-        e.named = true;
-        e.name = c.first;
-        e.bytes = c.first;
+        dtcore::Event e{dtcore::Event::kValue, 0, 0, 0, 0, 0, true, c.first, 0, 0, dtcore::kString, 0, c.first};
         const std::string hex = "_hex\":\"" + dtcore::Hex(c.first) + "\"";
         const std::string json = dtcore::FormatJson("h", e);
         EXPECT_NE(json.find("\"section" + (c.second.empty() ? hex : "\":" + c.second) + ","), npos) << json;

@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <sched.h>
 
 #include <algorithm>
 #include <atomic>
@@ -9,10 +8,9 @@
 #include "../collect/test_collector.h"
 #include "collector.h"
 #include "stream_reader.h"
+#include "tool_process.h"
 
 namespace {
-
-const size_t npos = std::string::npos;
 
 // The whole program in-process; standard input is `input`.
 int Dtcollect(const std::vector<std::string> &args, std::string &out, std::string &err, const std::string &input = "") {
@@ -49,8 +47,7 @@ TEST(DtcollectArgs, UsageAndBadUsage) {
     }
 }
 
-CollectSection *g_numbers = nullptr;
-CollectSection *g_texts = nullptr;
+CollectSection *g_numbers = nullptr, *g_texts = nullptr;
 // Never destroyed: the agent's thread may still read them while the process exits.
 const std::string &kOdd = *new std::string("tab\t\"q\" \xc3\xa9\x01\xff");
 // n bytes repeating only every `period`, so that a lost or doubled piece shows.
@@ -79,13 +76,6 @@ void SelfTestTexts(uint32_t) {
     Collect_PutLong(g_texts, 7, -1);
 }
 
-std::string Json(const char *section, int index, int block, int code, const char *kind, const std::string &value,
-                 const char *key = "value") {
-    return std::string("{\"host\":\"127.0.0.1\",\"section\":\"") + section + "\",\"index\":" + std::to_string(index) +
-           ",\"block\":" + std::to_string(block) + ",\"code\":" + std::to_string(code) + ",\"kind\":\"" + kind +
-           "\",\"" + key + "\":" + value + "}\n";
-}
-
 // The program and the library's agent, on a thread of this process, meet on
 // UDP port 9099: in a network namespace of this test process alone when it may
 // make one, else on the machine's, where test runs take turns with the port
@@ -93,19 +83,19 @@ std::string Json(const char *section, int index, int block, int code, const char
 // the stalled one last, as the agent stays stuck in it; values are long
 // enough to be split across messages.
 TEST(DtcollectProgram, PrintsExactlyWhatTheSectionsPutAndReportsEachFailure) {
-    if (unshare(CLONE_NEWNET) == 0) {
-        ASSERT_EQ(system("ip link set lo up"), 0);
-    }
+    tp::OwnNetwork();
     std::string out, err;
     g_numbers = Collect_New("numbers", PutNumbers, nullptr);
     g_texts = Collect_New("texts", PutTexts, SelfTestTexts);
     ASSERT_TRUE(ct::StartAgent(0x01020000)) << "UDP 9099 is taken";
     // kOdd is not valid UTF-8: its bytes come as hex.
-    const std::string json = Json("numbers", 0, 7, 1, "int", "3735928559") +
-                             Json("numbers", 0, 7, 2, "long", "\"72623859790382856\"") +
-                             Json("texts", 1, 0, 3, "string", "\"" + dtcore::Hex(kOdd) + "\"", "value_hex") +
-                             Json("texts", 1, 0, 4, "string", "\"" + kLong + "\"") +
-                             Json("texts", 1, 0, 5, "buffer", "\"" + dtcore::Hex(kBlob) + "\"");
+    const std::string n = R"({"host":"127.0.0.1","section":"numbers","index":0,"block":7,"code":)";
+    const std::string t = R"({"host":"127.0.0.1","section":"texts","index":1,"block":0,"code":)";
+    const std::string json = n + R"(1,"kind":"int","value":3735928559})" "\n" +
+                             n + R"(2,"kind":"long","value":"72623859790382856"})" "\n" +
+                             t + R"(3,"kind":"string","value_hex":")" + dtcore::Hex(kOdd) + "\"}\n" +
+                             t + R"(4,"kind":"string","value":")" + kLong + "\"}\n" +
+                             t + R"(5,"kind":"buffer","value":")" + dtcore::Hex(kBlob) + "\"}\n";
     EXPECT_EQ(Dtcollect({"--json", "--type", "2", "127.0.0.1"}, out, err), 0) << err;
     EXPECT_EQ(out, json);
     EXPECT_EQ(Dtcollect({"--selftest", "--sequence", "77", "127.0.0.1"}, out, err), 0) << err;

@@ -11,8 +11,6 @@
 
 namespace {
 
-const size_t npos = std::string::npos;
-
 TEST(DtconfigdParsers, RefuseEachMalformedLineWithItsNumberAndEachMalformedRequest) {
     const std::tuple<std::string, size_t, std::string> cases[] = {  // text, line, what
         {"a = 1\n", 1, "before any [section]"},

@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <sched.h>
 
 #include <map>
 
@@ -12,18 +11,11 @@
 namespace {
 
 using Lines = std::vector<std::string>;
-const size_t npos = std::string::npos;
-
-// A network namespace of this test process alone when it may make one, else
-// the machine's, where the tests take turns with port 9099.
-void OwnNetwork() {
-    if (unshare(CLONE_NEWNET) == 0 && system("ip link set lo up") != 0) FAIL() << "lo stays down";
-}
 
 // dtsim, once it is ready.
 struct Sim : tp::Proc {
     explicit Sim(const std::string &args) : Proc(DTSIM_COMMAND " " + args, "dtsim") {}
-    bool Ready() const { return Until("\n", 30000) && Text().find("dtsim: ready") == 0; }
+    bool Ready() const { return Count("\n", 1, 30000) > 0 && Text().find("dtsim: ready") == 0; }
 };
 
 // What the collector must print for device i, from the values its host put.
@@ -56,7 +48,7 @@ std::map<std::string, Lines> ByHost(const std::string &out) {
 // A thousand devices, four of them misbehaving: each good one gives its own
 // values, each bad one fails alone with its line.
 TEST(DtsimFleet, AThousandDevicesGiveTheirOwnValuesAndMisbehavingOnesFailAlone) {
-    OwnNetwork();
+    tp::OwnNetwork();  // else the machine's network, where the tests take turns with port 9099
     dtsim::Recording r;
     std::string why;
     ASSERT_TRUE(dtsim::Record(0, r, why)) << why;
@@ -107,7 +99,7 @@ std::vector<ct::Msg> Ask(uint32_t type, uint32_t seq, int closeAfter = 0, ct::Ac
 }
 
 TEST(DtsimDevice, QueuesWhileBusyIgnoresWhatTheAgentIgnoresNumbersMessagesAndCountsFailuresByCause) {
-    OwnNetwork();
+    tp::OwnNetwork();  // else the machine's network, where the tests take turns with port 9099
     Sim sim("--devices 2 --wait 0.3");
     ASSERT_TRUE(sim.Ready()) << sim.Text();
     int l[6];
