@@ -33,7 +33,6 @@ TEST(ExporterExposition, LabelValuesAreValidAndKeepEveryByte) {
 // Equivalent mutant left: exporter.cpp:161 (the type's start value, always
 // overwritten before it is used).
 TEST(ExporterRequests, ProbeParametersAndTheScrapeTimeout) {
-    const std::string typeError = ": 0, 1 or 2 for a collection, 3 for a self test";
     const std::string longName(254, 'a');
     using Params = std::multimap<std::string, std::string>;
     // The error, or "target type timeoutMs".
@@ -47,7 +46,7 @@ TEST(ExporterRequests, ProbeParametersAndTheScrapeTimeout) {
         {{{"target", "h:9099"}}, nullptr, "bad target 'h:9099': a host name or IPv4 address, without a port"},
         {{{"target", longName}}, nullptr, "bad target '" + longName.substr(190) + "...': a host name or IPv4 address, without a port"},
         {{{"target", "h"}, {"target", "i"}}, nullptr, "parameter target given more than once"},
-        {{{"target", "h"}, {"type", "4"}}, nullptr, "bad type '4'" + typeError},
+        {{{"target", "h"}, {"type", "4"}}, nullptr, "bad type '4': 0, 1 or 2 for a collection, 3 for a self test"},
         {{{"target", "h"}, {"tpye\n", "1"}}, nullptr, "unknown parameter 'tpye?'"},
         {{{"target", "h"}}, "0", "bad X-Prometheus-Scrape-Timeout-Seconds '0'"},
     };
@@ -134,9 +133,8 @@ TEST(ExporterProgram, ProbesAnswerWhatTheSectionsPutManyAtOnceAndFailAlone) {
     for (const std::string &b : bodies) EXPECT_EQ(b.find("200 # HELP dtkit_value "), 0u) << b;
     for (const std::string &b : bodies) EXPECT_NE(b.find(values), npos) << b;
     for (const char *line : {"\ndtkit_probe_success 1\n", "\ndtkit_probe_values 7\n", "\ndtkit_probe_strings 1\n",
-                             "\ndtkit_probe_buffers 1\n", "\ndtkit_device_identity 258\n"}) {
+                             "\ndtkit_probe_buffers 1\n", "\ndtkit_device_identity 258\n"})
         EXPECT_NE(bodies[0].find(line), npos) << line;
-    }
     // A device that stalls past the scrape's timeout less its margin: a failure, and none of its values.
     g_stall = true;
     const auto t0 = std::chrono::steady_clock::now();
@@ -151,9 +149,8 @@ TEST(ExporterProgram, ProbesAnswerWhatTheSectionsPutManyAtOnceAndFailAlone) {
     EXPECT_EQ(Get(9469, "/nope"), "404 not found: /nope (try /probe?target=HOST or /metrics)\n");
     const std::string metrics = Get(9469, "/metrics");
     for (const char *line : {"\ndtkit_exporter_probes_total 4\n", "\ndtkit_exporter_probe_failures_total 1\n",
-                             "\ndtkit_exporter_bad_requests_total 1\n", "\ndtkit_exporter_collections_in_flight 0\n"}) {
+                             "\ndtkit_exporter_bad_requests_total 1\n", "\ndtkit_exporter_collections_in_flight 0\n"})
         EXPECT_NE(metrics.find(line), npos) << line << metrics;
-    }
     // The probe's answers, failed or not, have one writer, whose text Prometheus
     // itself parses below; /metrics has its own, which promtool checks where installed.
     const std::string file = "/tmp/dtkit-exporter-test-" + std::to_string(getpid()) + ".prom";
@@ -193,9 +190,8 @@ TEST(ExporterProgram, ProbesAnswerWhatTheSectionsPutManyAtOnceAndFailAlone) {
     // top), and its value: the type the probe asked for.
     const std::string series = "\"instance\":\"127.0.0.1\",\"job\":\"dtkit\",\"section\":\"" + odd + "\"},";
     std::string json;
-    for (int i = 0; i < 240 && json.find(series) == npos; ++i, usleep(250000)) {
+    for (int i = 0; i < 240 && json.find(series) == npos; ++i, usleep(250000))
         json = Get(9090, "/api/v1/query?query=dtkit_value%7Bcode%3D%229%22%7D");
-    }
     const size_t at = json.find(series);
     ASSERT_NE(at, npos) << json << prom.Text();
     EXPECT_EQ(json.substr(json.find(",\"", at + series.size()), 6), ",\"1\"]}") << json;
