@@ -12,13 +12,15 @@
 
 namespace {
 
+std::string out_, err_;  // the last run's output and error output
+
 // The whole program in-process; standard input is `input`.
-int Dtcollect(const std::vector<std::string> &args, std::string &out, std::string &err, const std::string &input = "") {
+int Dtcollect(const std::vector<std::string> &args, const std::string &input = "") {
     std::istringstream in(input);
     std::ostringstream o, e;
     const int status = dtcollect::Main(args, in, o, e);
-    out = o.str();
-    err = e.str();
+    out_ = o.str();
+    err_ = e.str();
     return status;
 }
 
@@ -40,10 +42,9 @@ TEST(DtcollectArgs, UsageAndBadUsage) {
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.args.empty() ? "" : c.args.back());
-        std::string out, err;
-        EXPECT_EQ(Dtcollect(c.args, out, err, c.input), c.error.empty() ? 0 : 2);
-        EXPECT_EQ(c.error.empty() ? out.find(c.out) : err.find("dtcollect: " + c.error + "\n"), 0u) << err;
-        EXPECT_EQ(c.error.empty() ? err : out, "");
+        EXPECT_EQ(Dtcollect(c.args, c.input), c.error.empty() ? 0 : 2);
+        EXPECT_EQ(c.error.empty() ? out_.find(c.out) : err_.find("dtcollect: " + c.error + "\n"), 0u) << err_;
+        EXPECT_EQ(c.error.empty() ? err_ : out_, "");
     }
 }
 
@@ -84,7 +85,6 @@ void SelfTestTexts(uint32_t) {
 // enough to be split across messages.
 TEST(DtcollectProgram, PrintsExactlyWhatTheSectionsPutAndReportsEachFailure) {
     tp::OwnNetwork();
-    std::string out, err;
     g_numbers = Collect_New("numbers", PutNumbers, nullptr);
     g_texts = Collect_New("texts", PutTexts, SelfTestTexts);
     ASSERT_TRUE(ct::StartAgent(0x01020000)) << "UDP 9099 is taken";
@@ -96,34 +96,34 @@ TEST(DtcollectProgram, PrintsExactlyWhatTheSectionsPutAndReportsEachFailure) {
                              t + R"(3,"kind":"string","value_hex":")" + dtcore::Hex(kOdd) + "\"}\n" +
                              t + R"(4,"kind":"string","value":")" + kLong + "\"}\n" +
                              t + R"(5,"kind":"buffer","value":")" + dtcore::Hex(kBlob) + "\"}\n";
-    EXPECT_EQ(Dtcollect({"--json", "--type", "2", "127.0.0.1"}, out, err), 0) << err;
-    EXPECT_EQ(out, json);
-    EXPECT_EQ(Dtcollect({"--selftest", "--sequence", "77", "127.0.0.1"}, out, err), 0) << err;
-    EXPECT_EQ(out, "127.0.0.1 identity 01 02 sequence 77\n127.0.0.1 selftest \"texts\"\n"
-                   "127.0.0.1 \"texts\" #1 block 0 code 6 int 99\n"
-                   "127.0.0.1 \"texts\" #1 block 0 code 7 long 18446744073709551615 (0xffffffffffffffff)\n"
-                   "127.0.0.1 end: 98 bytes, 2 values\n");
-    EXPECT_EQ(err.find("dtcollect: 1 hosts collected, 0 failed, 2 values, "), 0u) << err;
+    EXPECT_EQ(Dtcollect({"--json", "--type", "2", "127.0.0.1"}), 0) << err_;
+    EXPECT_EQ(out_, json);
+    EXPECT_EQ(Dtcollect({"--selftest", "--sequence", "77", "127.0.0.1"}), 0) << err_;
+    EXPECT_EQ(out_, "127.0.0.1 identity 01 02 sequence 77\n127.0.0.1 selftest \"texts\"\n"
+                    "127.0.0.1 \"texts\" #1 block 0 code 6 int 99\n"
+                    "127.0.0.1 \"texts\" #1 block 0 code 7 long 18446744073709551615 (0xffffffffffffffff)\n"
+                    "127.0.0.1 end: 98 bytes, 2 values\n");
+    EXPECT_EQ(err_.find("dtcollect: 1 hosts collected, 0 failed, 2 values, "), 0u) << err_;
     // Hosts from a file and the command line run side by side; a host that
     // fails spares the others.
-    EXPECT_EQ(Dtcollect({"--json", "--parallel", "2", "--hosts-file", "-", "nosuch.invalid"}, out, err,
-                            "127.0.0.1  # the agent\n# no host\n\nlocalhost\n"), 1);
-    EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 10);
-    EXPECT_NE(err.find("dtcollect: nosuch.invalid: cannot resolve the host: "), npos) << err;
-    EXPECT_NE(err.find("dtcollect: 2 hosts collected, 1 failed, 10 values, "), npos) << err;
+    EXPECT_EQ(Dtcollect({"--json", "--parallel", "2", "--hosts-file", "-", "nosuch.invalid"},
+                        "127.0.0.1  # the agent\n# no host\n\nlocalhost\n"), 1);
+    EXPECT_EQ(std::count(out_.begin(), out_.end(), '\n'), 10);
+    EXPECT_NE(err_.find("dtcollect: nosuch.invalid: cannot resolve the host: "), npos) << err_;
+    EXPECT_NE(err_.find("dtcollect: 2 hosts collected, 1 failed, 10 values, "), npos) << err_;
     // The one listener's port is taken.
     int held = -1;
     const std::string port = std::to_string(ct::Listen(&held));
-    EXPECT_EQ(Dtcollect({"--listen-port", port, "127.0.0.1"}, out, err), 1);
-    EXPECT_EQ(err.find("dtcollect: cannot listen on TCP port " + port), 0u) << err;
+    EXPECT_EQ(Dtcollect({"--listen-port", port, "127.0.0.1"}), 1);
+    EXPECT_EQ(err_.find("dtcollect: cannot listen on TCP port " + port), 0u) << err_;
     close(held);
     // Lines are printed as they are decoded: those before a stall are out.
     g_stallMs = 1500;
-    EXPECT_EQ(Dtcollect({"--timeout", "0.3", "--sequence", "9", "127.0.0.1"}, out, err), 1);
-    EXPECT_EQ(out, "127.0.0.1 identity 01 02 sequence 9\n127.0.0.1 section 0 \"numbers\"\n"
-                   "127.0.0.1 section 1 \"texts\"\n");
-    EXPECT_EQ(err.find("dtcollect: 127.0.0.1: the collection was not done within 0.3 s at byte offset 52\n"), 0u)
-        << err;
+    EXPECT_EQ(Dtcollect({"--timeout", "0.3", "--sequence", "9", "127.0.0.1"}), 1);
+    EXPECT_EQ(out_, "127.0.0.1 identity 01 02 sequence 9\n127.0.0.1 section 0 \"numbers\"\n"
+                    "127.0.0.1 section 1 \"texts\"\n");
+    EXPECT_EQ(err_.find("dtcollect: 127.0.0.1: the collection was not done within 0.3 s at byte offset 52\n"), 0u)
+        << err_;
 }
 
 }  // namespace

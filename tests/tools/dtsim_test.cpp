@@ -34,17 +34,6 @@ Lines Expected(uint32_t device, uint32_t sequence) {
     return l;
 }
 
-// The collector's lines per host, in order, each host's closing summary left out.
-std::map<std::string, Lines> ByHost(const std::string &out) {
-    std::map<std::string, Lines> m;
-    std::istringstream in(out);
-    for (std::string line; std::getline(in, line);) {
-        const std::string host = line.substr(0, line.find(' '));
-        if (line.compare(host.size(), 6, " end: ") != 0) m[host].push_back(line);
-    }
-    return m;
-}
-
 // A thousand devices, four of them misbehaving: each good one gives its own
 // values, each bad one fails alone with its line.
 TEST(DtsimFleet, AThousandDevicesGiveTheirOwnValuesAndMisbehavingOnesFailAlone) {
@@ -71,7 +60,13 @@ TEST(DtsimFleet, AThousandDevicesGiveTheirOwnValuesAndMisbehavingOnesFailAlone) 
         {8, "connection closed at byte offset " + std::to_string(at.at(5) + (at.at(6) - at.at(5)) / 2)},
         {10, "within 10 s at byte offset " + std::to_string(at.at(2))},
     };
-    std::map<std::string, Lines> got = ByHost(out);
+    // The collector's lines per host, in order, each host's closing summary left out.
+    std::map<std::string, Lines> got;
+    std::istringstream in(out);
+    for (std::string line; std::getline(in, line);) {
+        const std::string host = line.substr(0, line.find(' '));
+        if (line.compare(host.size(), 6, " end: ") != 0) got[host].push_back(line);
+    }
     for (uint32_t i = 0; i < 1000; ++i) {
         const std::string host = dtsim::DeviceHost(i);
         const size_t line = err.find("dtcollect: " + host + ": ");
