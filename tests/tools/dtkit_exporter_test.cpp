@@ -11,6 +11,7 @@
 #ifdef DTKIT_EXPORTER_COMMAND
 #include <httplib.h>
 
+#include "../collect/test_collector.h"
 #include "tool_process.h"
 #endif
 
@@ -114,9 +115,8 @@ TEST(ExporterProgram, ProbesAnswerWhatTheSectionsPutManyAtOnceAndFailAlone) {
     if (!tp::OwnNetwork()) GTEST_SKIP() << "needs root, for a network namespace of its own";
     g_numbers = Collect_New("numbers", PutNumbers, nullptr);
     g_odd = Collect_New("q\"b\\s\n\xe9\xc3\xa9", PutOdd, nullptr);
-    std::thread([] { Collect_Init(0x01020000); }).detach();
+    ASSERT_TRUE(ct::StartAgent(0x01020000));
     tp::Proc ex(DTKIT_EXPORTER_COMMAND " --collect.parallel 8", "ex");
-    for (int i = 0; i < 400 && system("ss -Hlun 'sport = :9099' | grep -q .") != 0; ++i) usleep(50000);
     for (int i = 0; i < 400 && Get(9469, "/").empty(); ++i) usleep(50000);
     const std::string odd = "q\\\"b\\\\\\\\s\\\\x0a\\\\xe9\xc3\xa9";  // \\ and \xe9 in the label, then C's escaping
     const std::string values = "# TYPE dtkit_value gauge\n"
