@@ -20,11 +20,12 @@ std::vector<Bytes> Stream(uint32_t seq, uint32_t value) {
 // The core's loop on a thread of its own, as a server runs it. Results are
 // written on the loop's thread and read once it has been joined.
 struct Harness {
-    dtcore::Core core;
-    std::thread loop;
+    // Declared before the core, so that they outlive what its destructor still fails.
     std::map<std::string, std::vector<dtcore::Outcome>> outcomes;  // one per call of the DoneFn
     std::vector<std::string> order;  // hosts in the order they finished
     size_t maxInFlight = 0;
+    dtcore::Core core;
+    std::thread loop;
 
     Harness(uint16_t requestPort, size_t parallel)
         : core(dtcore::Core::Config{parallel, 0, kFirst, 200, dtcore::kDefaultMaxValue, requestPort}) {
