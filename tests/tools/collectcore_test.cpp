@@ -20,11 +20,12 @@ std::vector<Bytes> Stream(uint32_t seq, uint32_t value) {
 // The core's loop on a thread of its own, as a server runs it. Results are
 // written on the loop's thread and read once it has been joined.
 struct Harness {
-    dtcore::Core core;
-    std::thread loop;
+    // Declared before the core, so that they outlive what its destructor still fails.
     std::map<std::string, std::vector<dtcore::Outcome>> outcomes;  // one per call of the DoneFn
     std::vector<std::string> order;  // hosts in the order they finished
     size_t maxInFlight = 0;
+    dtcore::Core core;
+    std::thread loop;
 
     Harness(uint16_t requestPort, size_t parallel)
         : core(dtcore::Core::Config{parallel, 0, kFirst, 200, dtcore::kDefaultMaxValue, requestPort}) {
@@ -139,8 +140,8 @@ size_t FeedAll(dtcore::StreamReader &r, const Bytes &stream, size_t chunk) {
 }
 
 const Bytes kId = Identity(5);
-const Bytes kList = Msg(1, Cat({Entry(0, "cpu"), Entry(1, "mem")}), 1);
-const Bytes kHead = Cat({kId, kList});  // 46 bytes: the first data message's payload starts at 58
+// 46 bytes: the first data message's payload starts at 58.
+const Bytes kHead = Cat({kId, Msg(1, Cat({Entry(0, "cpu"), Entry(1, "mem")}), 1)});
 Bytes Data(const Bytes &payload, uint32_t seq = 2) { return Msg(2, payload, seq); }
 // A piece that fills a message's payload to its end (1024 bytes).
 Bytes Full(uint8_t kind, uint32_t code = 0) { return Piece(kind, 0, 0, code, std::string(1009, 'x')); }
@@ -259,11 +260,7 @@ TEST(CollectJson, EveryByteStringComesBackWhole) {
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(dtcore::Hex(c.first));
-        dtcore::Event e;
-        e.kind = dtcore::kString;
-        e.named = true;
-        e.name = c.first;
-        e.bytes = c.first;
+        dtcore::Event e{dtcore::Event::kValue, 0, 0, 0, 0, 0, true, c.first, 0, 0, dtcore::kString, 0, c.first};
         const std::string hex = "_hex\":\"" + dtcore::Hex(c.first) + "\"";
         const std::string json = dtcore::FormatJson("h", e);
         EXPECT_NE(json.find("\"section" + (c.second.empty() ? hex : "\":" + c.second) + ","), npos) << json;

@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <sched.h>
 
 #include <algorithm>
 #include <atomic>
@@ -9,18 +8,19 @@
 #include "../collect/test_collector.h"
 #include "collector.h"
 #include "stream_reader.h"
+#include "tool_process.h"
 
 namespace {
 
-const size_t npos = std::string::npos;
+std::string out_, err_;  // the last run's output and error output
 
 // The whole program in-process; standard input is `input`.
-int Dtcollect(const std::vector<std::string> &args, std::string &out, std::string &err, const std::string &input = "") {
+int Dtcollect(const std::vector<std::string> &args, const std::string &input = "") {
     std::istringstream in(input);
     std::ostringstream o, e;
     const int status = dtcollect::Main(args, in, o, e);
-    out = o.str();
-    err = e.str();
+    out_ = o.str();
+    err_ = e.str();
     return status;
 }
 
@@ -42,15 +42,13 @@ TEST(DtcollectArgs, UsageAndBadUsage) {
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.args.empty() ? "" : c.args.back());
-        std::string out, err;
-        EXPECT_EQ(Dtcollect(c.args, out, err, c.input), c.error.empty() ? 0 : 2);
-        EXPECT_EQ(c.error.empty() ? out.find(c.out) : err.find("dtcollect: " + c.error + "\n"), 0u) << err;
-        EXPECT_EQ(c.error.empty() ? err : out, "");
+        EXPECT_EQ(Dtcollect(c.args, c.input), c.error.empty() ? 0 : 2);
+        EXPECT_EQ(c.error.empty() ? out_.find(c.out) : err_.find("dtcollect: " + c.error + "\n"), 0u) << err_;
+        EXPECT_EQ(c.error.empty() ? err_ : out_, "");
     }
 }
 
-CollectSection *g_numbers = nullptr;
-CollectSection *g_texts = nullptr;
+CollectSection *g_numbers = nullptr, *g_texts = nullptr;
 // Never destroyed: the agent's thread may still read them while the process exits.
 const std::string &kOdd = *new std::string("tab\t\"q\" \xc3\xa9\x01\xff");
 // n bytes repeating only every `period`, so that a lost or doubled piece shows.
@@ -79,13 +77,6 @@ void SelfTestTexts(uint32_t) {
     Collect_PutLong(g_texts, 7, -1);
 }
 
-std::string Json(const char *section, int index, int block, int code, const char *kind, const std::string &value,
-                 const char *key = "value") {
-    return std::string("{\"host\":\"127.0.0.1\",\"section\":\"") + section + "\",\"index\":" + std::to_string(index) +
-           ",\"block\":" + std::to_string(block) + ",\"code\":" + std::to_string(code) + ",\"kind\":\"" + kind +
-           "\",\"" + key + "\":" + value + "}\n";
-}
-
 // The program and the library's agent, on a thread of this process, meet on
 // UDP port 9099: in a network namespace of this test process alone when it may
 // make one, else on the machine's, where test runs take turns with the port
@@ -93,47 +84,46 @@ std::string Json(const char *section, int index, int block, int code, const char
 // the stalled one last, as the agent stays stuck in it; values are long
 // enough to be split across messages.
 TEST(DtcollectProgram, PrintsExactlyWhatTheSectionsPutAndReportsEachFailure) {
-    if (unshare(CLONE_NEWNET) == 0) {
-        ASSERT_EQ(system("ip link set lo up"), 0);
-    }
-    std::string out, err;
+    tp::OwnNetwork();
     g_numbers = Collect_New("numbers", PutNumbers, nullptr);
     g_texts = Collect_New("texts", PutTexts, SelfTestTexts);
     ASSERT_TRUE(ct::StartAgent(0x01020000)) << "UDP 9099 is taken";
     // kOdd is not valid UTF-8: its bytes come as hex.
-    const std::string json = Json("numbers", 0, 7, 1, "int", "3735928559") +
-                             Json("numbers", 0, 7, 2, "long", "\"72623859790382856\"") +
-                             Json("texts", 1, 0, 3, "string", "\"" + dtcore::Hex(kOdd) + "\"", "value_hex") +
-                             Json("texts", 1, 0, 4, "string", "\"" + kLong + "\"") +
-                             Json("texts", 1, 0, 5, "buffer", "\"" + dtcore::Hex(kBlob) + "\"");
-    EXPECT_EQ(Dtcollect({"--json", "--type", "2", "127.0.0.1"}, out, err), 0) << err;
-    EXPECT_EQ(out, json);
-    EXPECT_EQ(Dtcollect({"--selftest", "--sequence", "77", "127.0.0.1"}, out, err), 0) << err;
-    EXPECT_EQ(out, "127.0.0.1 identity 01 02 sequence 77\n127.0.0.1 selftest \"texts\"\n"
-                   "127.0.0.1 \"texts\" #1 block 0 code 6 int 99\n"
-                   "127.0.0.1 \"texts\" #1 block 0 code 7 long 18446744073709551615 (0xffffffffffffffff)\n"
-                   "127.0.0.1 end: 98 bytes, 2 values\n");
-    EXPECT_EQ(err.find("dtcollect: 1 hosts collected, 0 failed, 2 values, "), 0u) << err;
+    const std::string n = R"({"host":"127.0.0.1","section":"numbers","index":0,"block":7,"code":)";
+    const std::string t = R"({"host":"127.0.0.1","section":"texts","index":1,"block":0,"code":)";
+    const std::string json = n + R"(1,"kind":"int","value":3735928559})" "\n" +
+                             n + R"(2,"kind":"long","value":"72623859790382856"})" "\n" +
+                             t + R"(3,"kind":"string","value_hex":")" + dtcore::Hex(kOdd) + "\"}\n" +
+                             t + R"(4,"kind":"string","value":")" + kLong + "\"}\n" +
+                             t + R"(5,"kind":"buffer","value":")" + dtcore::Hex(kBlob) + "\"}\n";
+    EXPECT_EQ(Dtcollect({"--json", "--type", "2", "127.0.0.1"}), 0) << err_;
+    EXPECT_EQ(out_, json);
+    EXPECT_EQ(Dtcollect({"--selftest", "--sequence", "77", "127.0.0.1"}), 0) << err_;
+    EXPECT_EQ(out_, "127.0.0.1 identity 01 02 sequence 77\n127.0.0.1 selftest \"texts\"\n"
+                    "127.0.0.1 \"texts\" #1 block 0 code 6 int 99\n"
+                    "127.0.0.1 \"texts\" #1 block 0 code 7 long 18446744073709551615 (0xffffffffffffffff)\n"
+                    "127.0.0.1 end: 98 bytes, 2 values\n");
+    EXPECT_EQ(err_.find("dtcollect: 1 hosts collected, 0 failed, 2 values, "), 0u) << err_;
     // Hosts from a file and the command line run side by side; a host that
     // fails spares the others.
-    EXPECT_EQ(Dtcollect({"--json", "--parallel", "2", "--hosts-file", "-", "nosuch.invalid"}, out, err,
-                            "127.0.0.1  # the agent\n# no host\n\nlocalhost\n"), 1);
-    EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 10);
-    EXPECT_NE(err.find("dtcollect: nosuch.invalid: cannot resolve the host: "), npos) << err;
-    EXPECT_NE(err.find("dtcollect: 2 hosts collected, 1 failed, 10 values, "), npos) << err;
+    EXPECT_EQ(Dtcollect({"--json", "--parallel", "2", "--hosts-file", "-", "nosuch.invalid"},
+                        "127.0.0.1  # the agent\n# no host\n\nlocalhost\n"), 1);
+    EXPECT_EQ(std::count(out_.begin(), out_.end(), '\n'), 10);
+    EXPECT_NE(err_.find("dtcollect: nosuch.invalid: cannot resolve the host: "), npos) << err_;
+    EXPECT_NE(err_.find("dtcollect: 2 hosts collected, 1 failed, 10 values, "), npos) << err_;
     // The one listener's port is taken.
     int held = -1;
     const std::string port = std::to_string(ct::Listen(&held));
-    EXPECT_EQ(Dtcollect({"--listen-port", port, "127.0.0.1"}, out, err), 1);
-    EXPECT_EQ(err.find("dtcollect: cannot listen on TCP port " + port), 0u) << err;
+    EXPECT_EQ(Dtcollect({"--listen-port", port, "127.0.0.1"}), 1);
+    EXPECT_EQ(err_.find("dtcollect: cannot listen on TCP port " + port), 0u) << err_;
     close(held);
     // Lines are printed as they are decoded: those before a stall are out.
     g_stallMs = 1500;
-    EXPECT_EQ(Dtcollect({"--timeout", "0.3", "--sequence", "9", "127.0.0.1"}, out, err), 1);
-    EXPECT_EQ(out, "127.0.0.1 identity 01 02 sequence 9\n127.0.0.1 section 0 \"numbers\"\n"
-                   "127.0.0.1 section 1 \"texts\"\n");
-    EXPECT_EQ(err.find("dtcollect: 127.0.0.1: the collection was not done within 0.3 s at byte offset 52\n"), 0u)
-        << err;
+    EXPECT_EQ(Dtcollect({"--timeout", "0.3", "--sequence", "9", "127.0.0.1"}), 1);
+    EXPECT_EQ(out_, "127.0.0.1 identity 01 02 sequence 9\n127.0.0.1 section 0 \"numbers\"\n"
+                    "127.0.0.1 section 1 \"texts\"\n");
+    EXPECT_EQ(err_.find("dtcollect: 127.0.0.1: the collection was not done within 0.3 s at byte offset 52\n"), 0u)
+        << err_;
 }
 
 }  // namespace

@@ -11,8 +11,6 @@
 
 namespace {
 
-const size_t npos = std::string::npos;
-
 TEST(DtconfigdParsers, RefuseEachMalformedLineWithItsNumberAndEachMalformedRequest) {
     const std::tuple<std::string, size_t, std::string> cases[] = {  // text, line, what
         {"a = 1\n", 1, "before any [section]"},
@@ -64,7 +62,6 @@ std::string TempFile(const std::string &text) {
 // follows it, a missing CONFIG-FILE included, is not read.
 TEST(DtconfigdProgram, RefusesAMalformedFileOrBadUsage) {
     const std::string bad = TempFile("[net]\nmtu = 1\nmtu = 2\n"), good = TempFile("[net]\nmtu = 1\n");
-    const std::string version = "dtconfigd (dtkit) " DTKIT_VERSION "\n";
     // args, status, how the output starts, a part of the error output
     const std::tuple<std::vector<std::string>, int, std::string, std::string> cases[] = {
         {{bad}, 1, "", "dtconfigd: " + bad + ":3: key \"mtu\" given twice"},
@@ -77,8 +74,8 @@ TEST(DtconfigdProgram, RefusesAMalformedFileOrBadUsage) {
         {{"/nonexistent"}, 1, "", "dtconfigd: /nonexistent: "},
         {{"--bind", "192.0.2.1", good}, 1, "", "dtconfigd: cannot bind 192.0.2.1:8999: "},
         {{"-h"}, 0, "usage: dtconfigd", ""},
-        {{"--port", "9000", "--version"}, 0, version, ""},
-        {{"--version", "a", "b"}, 0, version, ""},
+        {{"--port", "9000", "--version"}, 0, "dtconfigd (dtkit) " DTKIT_VERSION "\n", ""},
+        {{"--version", "a", "b"}, 0, "dtconfigd (dtkit) " DTKIT_VERSION "\n", ""},
     };
     for (const auto &[args, status, start, part] : cases) {
         std::ostringstream out, err;

@@ -1,24 +1,21 @@
 #include <gtest/gtest.h>
-#include <sched.h>
 
 #include <atomic>
 #include <chrono>
 #include <fstream>
 #include <thread>
 
-#include "collect/collect_api.h"
 #include "collect/collect_getdata.h"
 #include "exporter.h"
 #include "exposition.h"
 #ifdef DTKIT_EXPORTER_COMMAND
 #include <httplib.h>
 
+#include "../collect/test_collector.h"
 #include "tool_process.h"
 #endif
 
 namespace {
-
-const size_t npos = std::string::npos;
 
 TEST(ExporterExposition, LabelValuesAreValidAndKeepEveryByte) {
     const std::pair<std::string, std::string> cases[] = {
@@ -37,7 +34,6 @@ TEST(ExporterExposition, LabelValuesAreValidAndKeepEveryByte) {
 // Equivalent mutant left: exporter.cpp:161 (the type's start value, always
 // overwritten before it is used).
 TEST(ExporterRequests, ProbeParametersAndTheScrapeTimeout) {
-    const std::string typeError = ": 0, 1 or 2 for a collection, 3 for a self test";
     const std::string longName(254, 'a');
     using Params = std::multimap<std::string, std::string>;
     // The error, or "target type timeoutMs".
@@ -51,7 +47,7 @@ TEST(ExporterRequests, ProbeParametersAndTheScrapeTimeout) {
         {{{"target", "h:9099"}}, nullptr, "bad target 'h:9099': a host name or IPv4 address, without a port"},
         {{{"target", longName}}, nullptr, "bad target '" + longName.substr(190) + "...': a host name or IPv4 address, without a port"},
         {{{"target", "h"}, {"target", "i"}}, nullptr, "parameter target given more than once"},
-        {{{"target", "h"}, {"type", "4"}}, nullptr, "bad type '4'" + typeError},
+        {{{"target", "h"}, {"type", "4"}}, nullptr, "bad type '4': 0, 1 or 2 for a collection, 3 for a self test"},
         {{{"target", "h"}, {"tpye\n", "1"}}, nullptr, "unknown parameter 'tpye?'"},
         {{{"target", "h"}}, "0", "bad X-Prometheus-Scrape-Timeout-Seconds '0'"},
     };
@@ -85,16 +81,6 @@ TEST(ExporterRequests, CommandLine) {
 }
 
 #ifdef DTKIT_EXPORTER_COMMAND
-// promtool's complaint about exposition text; empty when it accepts it or is not installed.
-std::string Promtool(const std::string &text) {
-    const std::string file = "/tmp/dtkit-exporter-test-" + std::to_string(getpid()) + ".prom";
-    std::ofstream(file, std::ios::binary) << text;
-    tp::Proc check("sh -c '! command -v promtool >/dev/null || promtool check metrics <" + file + "'", "promtool");
-    const int rc = check.Stop(0);
-    remove(file.c_str());
-    return rc == 0 ? "" : "promtool: " + check.Text();
-}
-
 // "STATUS BODY", or "" when nothing answers.
 std::string Get(int port, const std::string &path, const httplib::Headers &headers = {}) {
     httplib::Client cli("127.0.0.1", port);
@@ -103,8 +89,7 @@ std::string Get(int port, const std::string &path, const httplib::Headers &heade
     return r ? std::to_string(r->status) + " " + r->body : "";
 }
 
-CollectSection *g_numbers = nullptr;
-CollectSection *g_odd = nullptr;
+CollectSection *g_numbers = nullptr, *g_odd = nullptr;
 std::atomic<bool> g_stall{false};
 void PutNumbers(uint32_t) {
     Collect_BeginSection(g_numbers, 7);
@@ -127,14 +112,11 @@ void PutOdd(uint32_t type) {
 // own and no other agent answers on loopback. Last, Prometheus scrapes the
 // exporter as the README's configuration says, the device as the target.
 TEST(ExporterProgram, ProbesAnswerWhatTheSectionsPutManyAtOnceAndFailAlone) {
-    if (unshare(CLONE_NEWNET) != 0 || system("ip link set lo up") != 0) {
-        GTEST_SKIP() << "needs root, for a network namespace of its own";
-    }
+    if (!tp::OwnNetwork()) GTEST_SKIP() << "needs root, for a network namespace of its own";
     g_numbers = Collect_New("numbers", PutNumbers, nullptr);
     g_odd = Collect_New("q\"b\\s\n\xe9\xc3\xa9", PutOdd, nullptr);
-    std::thread([] { Collect_Init(0x01020000); }).detach();
+    ASSERT_TRUE(ct::StartAgent(0x01020000));
     tp::Proc ex(DTKIT_EXPORTER_COMMAND " --collect.parallel 8", "ex");
-    for (int i = 0; i < 400 && system("ss -Hlun 'sport = :9099' | grep -q .") != 0; ++i) usleep(50000);
     for (int i = 0; i < 400 && Get(9469, "/").empty(); ++i) usleep(50000);
     const std::string odd = "q\\\"b\\\\\\\\s\\\\x0a\\\\xe9\xc3\xa9";  // \\ and \xe9 in the label, then C's escaping
     const std::string values = "# TYPE dtkit_value gauge\n"
@@ -151,9 +133,8 @@ TEST(ExporterProgram, ProbesAnswerWhatTheSectionsPutManyAtOnceAndFailAlone) {
     for (const std::string &b : bodies) EXPECT_EQ(b.find("200 # HELP dtkit_value "), 0u) << b;
     for (const std::string &b : bodies) EXPECT_NE(b.find(values), npos) << b;
     for (const char *line : {"\ndtkit_probe_success 1\n", "\ndtkit_probe_values 7\n", "\ndtkit_probe_strings 1\n",
-                             "\ndtkit_probe_buffers 1\n", "\ndtkit_device_identity 258\n"}) {
+                             "\ndtkit_probe_buffers 1\n", "\ndtkit_device_identity 258\n"})
         EXPECT_NE(bodies[0].find(line), npos) << line;
-    }
     // A device that stalls past the scrape's timeout less its margin: a failure, and none of its values.
     g_stall = true;
     const auto t0 = std::chrono::steady_clock::now();
@@ -168,12 +149,15 @@ TEST(ExporterProgram, ProbesAnswerWhatTheSectionsPutManyAtOnceAndFailAlone) {
     EXPECT_EQ(Get(9469, "/nope"), "404 not found: /nope (try /probe?target=HOST or /metrics)\n");
     const std::string metrics = Get(9469, "/metrics");
     for (const char *line : {"\ndtkit_exporter_probes_total 4\n", "\ndtkit_exporter_probe_failures_total 1\n",
-                             "\ndtkit_exporter_bad_requests_total 1\n", "\ndtkit_exporter_collections_in_flight 0\n"}) {
+                             "\ndtkit_exporter_bad_requests_total 1\n", "\ndtkit_exporter_collections_in_flight 0\n"})
         EXPECT_NE(metrics.find(line), npos) << line << metrics;
-    }
     // The probe's answers, failed or not, have one writer, whose text Prometheus
-    // itself parses below; /metrics has its own.
-    EXPECT_EQ(Promtool(metrics.substr(4)), "");
+    // itself parses below; /metrics has its own, which promtool checks where installed.
+    const std::string file = "/tmp/dtkit-exporter-test-" + std::to_string(getpid()) + ".prom";
+    std::ofstream(file, std::ios::binary) << metrics.substr(4);
+    tp::Proc check("sh -c '! command -v promtool >/dev/null || promtool check metrics <" + file + "'", "promtool");
+    EXPECT_EQ(check.Stop(0), 0) << check.Text();
+    remove(file.c_str());
     // How standard output and error begin.
     const struct { const char *args; int status; const char *text; } runs[] = {
         {"--web.listen-address=:9469", 1, "dtkit_exporter: cannot listen on 0.0.0.0:9469: "},
@@ -206,9 +190,8 @@ TEST(ExporterProgram, ProbesAnswerWhatTheSectionsPutManyAtOnceAndFailAlone) {
     // top), and its value: the type the probe asked for.
     const std::string series = "\"instance\":\"127.0.0.1\",\"job\":\"dtkit\",\"section\":\"" + odd + "\"},";
     std::string json;
-    for (int i = 0; i < 240 && json.find(series) == npos; ++i, usleep(250000)) {
+    for (int i = 0; i < 240 && json.find(series) == npos; ++i, usleep(250000))
         json = Get(9090, "/api/v1/query?query=dtkit_value%7Bcode%3D%229%22%7D");
-    }
     const size_t at = json.find(series);
     ASSERT_NE(at, npos) << json << prom.Text();
     EXPECT_EQ(json.substr(json.find(",\"", at + series.size()), 6), ",\"1\"]}") << json;

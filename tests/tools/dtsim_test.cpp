@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <sched.h>
 
 #include <map>
 
@@ -12,18 +11,11 @@
 namespace {
 
 using Lines = std::vector<std::string>;
-const size_t npos = std::string::npos;
-
-// A network namespace of this test process alone when it may make one, else
-// the machine's, where the tests take turns with port 9099.
-void OwnNetwork() {
-    if (unshare(CLONE_NEWNET) == 0 && system("ip link set lo up") != 0) FAIL() << "lo stays down";
-}
 
 // dtsim, once it is ready.
 struct Sim : tp::Proc {
     explicit Sim(const std::string &args) : Proc(DTSIM_COMMAND " " + args, "dtsim") {}
-    bool Ready() const { return Until("\n", 30000) && Text().find("dtsim: ready") == 0; }
+    bool Ready() const { return Count("\n", 1, 30000) > 0 && Text().find("dtsim: ready") == 0; }
 };
 
 // What the collector must print for device i, from the values its host put.
@@ -42,21 +34,10 @@ Lines Expected(uint32_t device, uint32_t sequence) {
     return l;
 }
 
-// The collector's lines per host, in order, each host's closing summary left out.
-std::map<std::string, Lines> ByHost(const std::string &out) {
-    std::map<std::string, Lines> m;
-    std::istringstream in(out);
-    for (std::string line; std::getline(in, line);) {
-        const std::string host = line.substr(0, line.find(' '));
-        if (line.compare(host.size(), 6, " end: ") != 0) m[host].push_back(line);
-    }
-    return m;
-}
-
 // A thousand devices, four of them misbehaving: each good one gives its own
 // values, each bad one fails alone with its line.
 TEST(DtsimFleet, AThousandDevicesGiveTheirOwnValuesAndMisbehavingOnesFailAlone) {
-    OwnNetwork();
+    tp::OwnNetwork();  // else the machine's network, where the tests take turns with port 9099
     dtsim::Recording r;
     std::string why;
     ASSERT_TRUE(dtsim::Record(0, r, why)) << why;
@@ -79,7 +60,13 @@ TEST(DtsimFleet, AThousandDevicesGiveTheirOwnValuesAndMisbehavingOnesFailAlone) 
         {8, "connection closed at byte offset " + std::to_string(at.at(5) + (at.at(6) - at.at(5)) / 2)},
         {10, "within 10 s at byte offset " + std::to_string(at.at(2))},
     };
-    std::map<std::string, Lines> got = ByHost(out);
+    // The collector's lines per host, in order, each host's closing summary left out.
+    std::map<std::string, Lines> got;
+    std::istringstream in(out);
+    for (std::string line; std::getline(in, line);) {
+        const std::string host = line.substr(0, line.find(' '));
+        if (line.compare(host.size(), 6, " end: ") != 0) got[host].push_back(line);
+    }
     for (uint32_t i = 0; i < 1000; ++i) {
         const std::string host = dtsim::DeviceHost(i);
         const size_t line = err.find("dtcollect: " + host + ": ");
@@ -107,7 +94,7 @@ std::vector<ct::Msg> Ask(uint32_t type, uint32_t seq, int closeAfter = 0, ct::Ac
 }
 
 TEST(DtsimDevice, QueuesWhileBusyIgnoresWhatTheAgentIgnoresNumbersMessagesAndCountsFailuresByCause) {
-    OwnNetwork();
+    tp::OwnNetwork();  // else the machine's network, where the tests take turns with port 9099
     Sim sim("--devices 2 --wait 0.3");
     ASSERT_TRUE(sim.Ready()) << sim.Text();
     int l[6];

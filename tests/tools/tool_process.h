@@ -2,14 +2,23 @@
 // emulator when cross-built), its standard output and error in a log file.
 #pragma once
 
+#include <sched.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <fstream>
 #include <string>
 
+// What find() answers when the text is not there.
+const size_t npos = std::string::npos;
+
 namespace tp {
+
+// Whether this process now has a network namespace of its own (which needs
+// root), lo up in it, so that the fixed ports are the test's alone.
+inline bool OwnNetwork() { return unshare(CLONE_NEWNET) == 0 && system("ip link set lo up") == 0; }
 
 inline std::string ReadAll(const std::string &path) {
     std::ifstream f(path, std::ios::binary);
@@ -37,8 +46,6 @@ struct Proc {
             if (n >= atLeast || i >= ms / 10) return n;
         }
     }
-    // Whether the log holds `what` within ms.
-    bool Until(const std::string &what, int ms) const { return Count(what, 1, ms) > 0; }
     // The exit status once it ends, after `sig` unless 0 (128 + the signal when
     // one ended it); -1 when it still runs 20 s on, or never started or was stopped
     // before (a pid of -1 would signal every process).

@@ -2,7 +2,6 @@
 // loopback: a collection from the library's agent, queries answered by
 // dtconfigd, and a stream whose message header is corrupted.
 #include <gtest/gtest.h>
-#include <sched.h>
 
 #include "../collect/test_collector.h"
 #include "collect/collect_getdata.h"
@@ -36,16 +35,16 @@ V Decode(const std::string &capture, const std::string &field) {
 
 TEST(WiresharkDissector, ShowsEachFieldFamilyJoinsSplitValuesAndFlagsACorruptedHeader) {
     if (geteuid() != 0 || system("command -v tshark >/dev/null && command -v dumpcap >/dev/null") != 0 ||
-        unshare(CLONE_NEWNET) != 0 || system("ip link set lo up") != 0)
+        !tp::OwnNetwork())
         GTEST_SKIP() << "needs root, tshark and dumpcap (Debian package tshark) and a network namespace";
     for (size_t i = 0; i < kLong.size(); ++i) kLong[i] = char('a' + i % 26);
     const std::string base = "/tmp/dtkit-ws-" + std::to_string(getpid());
     std::ofstream(base + ".conf") << "[net]\nmtu = 9000\n";
     tp::Proc daemon(DTCONFIGD_COMMAND " " + base + ".conf", "dtconfigd");
     tp::Proc cap("dumpcap -i lo -a duration:60 -w " + base + ".pcapng", "dumpcap");
-    ASSERT_TRUE(cap.Until("Capturing on", 20000)) << cap.Text();
+    ASSERT_EQ(cap.Count("Capturing on", 1, 20000), 1) << cap.Text();
     // The server is slow to start under the emulator.
-    ASSERT_TRUE(daemon.Until("serving", 20000)) << daemon.Text();
+    ASSERT_EQ(daemon.Count("serving", 1, 20000), 1) << daemon.Text();
     usleep(300 * 1000);
 
     g_host = Collect_New("host", PutHost, nullptr);
