@@ -20,9 +20,11 @@ std::string hexByte(unsigned v) {
     return t;
 }
 
-// Bytes of the well-formed UTF-8 sequence starting at s[i], or 0 when there is none
-// (overlong forms, surrogates and code points past U+10FFFF are not well formed).
-size_t utf8Length(const std::string &s, size_t i) {
+bool isPiece(int kind) { return kind == kString || kind == kBuffer; }
+
+}  // namespace
+
+size_t Utf8Length(const std::string &s, size_t i) {
     auto b = [&](size_t k) { return i + k < s.size() ? uint8_t(s[i + k]) : 0u; };
     auto cont = [&](size_t k) { return b(k) >= 0x80 && b(k) <= 0xBF; };
     uint8_t c = b(0);
@@ -37,10 +39,6 @@ size_t utf8Length(const std::string &s, size_t i) {
     }
     return 0;
 }
-
-bool isPiece(int kind) { return kind == kString || kind == kBuffer; }
-
-}  // namespace
 
 StreamReader::StreamReader(bool selfTest, uint32_t requestSequence, size_t maxValue)
     : selfTest_(selfTest), requestSequence_(requestSequence), maxValue_(maxValue) {}
@@ -302,7 +300,7 @@ std::string JsonString(const std::string &s) {
     char t[8];
     for (size_t i = 0; i < s.size();) {
         uint8_t c = uint8_t(s[i]);
-        size_t n = c >= 0x80 ? utf8Length(s, i) : 0;
+        size_t n = c >= 0x80 ? Utf8Length(s, i) : 0;
         if (n > 0) {
             o.append(s, i, n);
             i += n;
@@ -364,7 +362,7 @@ std::string FormatText(const std::string &host, const Event &e) {
 
 bool IsUtf8(const std::string &s) {
     for (size_t i = 0; i < s.size();) {
-        size_t n = uint8_t(s[i]) < 0x80 ? 1 : utf8Length(s, i);
+        size_t n = uint8_t(s[i]) < 0x80 ? 1 : Utf8Length(s, i);
         if (n == 0) return false;
         i += n;
     }

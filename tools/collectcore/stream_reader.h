@@ -120,6 +120,10 @@ private:
 // characters, DEL and every byte that is not part of well-formed UTF-8 become \u00XX.
 std::string JsonString(const std::string &bytes);
 std::string Hex(const std::string &bytes);
+// Bytes of the well-formed UTF-8 sequence of two bytes or more starting at s[i], or 0 when
+// there is none (an ASCII byte, an overlong form, a surrogate, a code point past U+10FFFF,
+// a sequence cut short). Every output that keeps bytes apart reads them with this one rule.
+size_t Utf8Length(const std::string &s, size_t i);
 // Whether the bytes are well-formed UTF-8 (control characters included).
 bool IsUtf8(const std::string &bytes);
 const char *KindName(int kind);

@@ -8,34 +8,6 @@ const char kContentType[] = "text/plain; version=0.0.4; charset=utf-8";
 
 namespace {
 
-// Length of the well-formed UTF-8 sequence at p (n bytes left), 0 when the
-// bytes there are not one: overlong forms, surrogates and code points above
-// U+10FFFF are refused as the format's parsers refuse them.
-size_t utf8Length(const unsigned char *p, size_t n) {
-    const unsigned char c = p[0];
-    size_t len = 0;
-    unsigned char lo = 0x80, hi = 0xBF;
-    if (c < 0x80) return 1;
-    if (c >= 0xC2 && c <= 0xDF) {
-        len = 2;
-    } else if (c >= 0xE0 && c <= 0xEF) {
-        len = 3;
-        if (c == 0xE0) lo = 0xA0;
-        if (c == 0xED) hi = 0x9F;
-    } else if (c >= 0xF0 && c <= 0xF4) {
-        len = 4;
-        if (c == 0xF0) lo = 0x90;
-        if (c == 0xF4) hi = 0x8F;
-    } else {
-        return 0;
-    }
-    if (n < len || p[1] < lo || p[1] > hi) return 0;
-    for (size_t i = 2; i < len; ++i) {
-        if (p[i] < 0x80 || p[i] > 0xBF) return 0;
-    }
-    return len;
-}
-
 void hexByte(std::string &out, unsigned char c) {
     static const char digits[] = "0123456789abcdef";
     out += "\\x";
@@ -58,7 +30,7 @@ std::string LabelText(const std::string &bytes) {
     const auto *p = reinterpret_cast<const unsigned char *>(bytes.data());
     const size_t n = bytes.size();
     for (size_t i = 0; i < n;) {
-        const size_t len = utf8Length(p + i, n - i);
+        const size_t len = p[i] < 0x80 ? 1 : dtcore::Utf8Length(bytes, i);
         if (len == 0 || p[i] < 0x20 || p[i] == 0x7F) {
             hexByte(out, p[i]);
             ++i;
