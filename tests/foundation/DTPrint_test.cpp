@@ -18,7 +18,7 @@ TEST(DTPrint, ShowHandsOverOneLinePerCall) {
     EXPECT_EQ(dttest::Console(), (Calls{"abc\n", "de\n", "x\n", "yw", std::string(999, 'q'), std::string(501, 'q')}));
 }
 
-TEST(DTPrint, PrintChRunsWithPrintingOnAndOffAndRefusals) {
+TEST(DTPrint, PrintChAndPrintWithPrintingOnAndOffAndRefusals) {
     char buf[10];
     DTPrint *p = DTPrint_New(buf, sizeof buf);
     DTPrint_PrintCh(p, 0x12A, 25);  // only the low byte counts
@@ -45,13 +45,9 @@ TEST(DTPrint, PrintChRunsWithPrintingOnAndOffAndRefusals) {
     DTPrint_Flush(nullptr);
     DTPrint_SetPrint(nullptr, 1);
     DTPrint_Release(nullptr);
-}
-
-TEST(DTPrint, PrintNeverCutsAString) {
-    char buf[10];
-    for (uint32_t on : {1u, 0u}) {
+    for (uint32_t on : {1u, 0u}) {  // a string is never cut
         dttest::ClearConsole();
-        DTPrint *p = DTPrint_New(buf, sizeof buf);
+        p = DTPrint_New(buf, sizeof buf);
         DTPrint_SetPrint(p, on);
         DTPrint_Print(p, "abcd", 3);
         EXPECT_EQ(p->length, 4);

@@ -7,7 +7,7 @@
 
 #include "foundation/DTString.h"
 
-TEST(DTString, HexDumpBreaksAfterEvery16thByteWithASuccessor) {
+TEST(DTString, HexDumpBreaksAfterEvery16thByteAndSharedBuffersAreBounded) {
     uint8_t bytes[40];
     for (int i = 0; i < 40; ++i) bytes[i] = static_cast<uint8_t>(i * 0x11);
     char out[200];
@@ -20,24 +20,20 @@ TEST(DTString, HexDumpBreaksAfterEvery16thByteWithASuccessor) {
         EXPECT_EQ(out[c.chars + 1], 'Z') << c.len;  // nothing written past the zero
     }
     EXPECT_STREQ(DTString_HFormat(out, bytes, 17), "00 11 22 33 44 55 66 77 88 99 AA BB CC DD EE FF \n10 ");
-}
-
-// The hex buffer one byte larger would change nothing: dumps stop at 3265 bytes.
-TEST(DTString, SharedBuffersAreReusedAndBounded) {
+    // The shared buffers: the hex one one byte larger would change nothing, as dumps stop at 3265 bytes.
     char *first = DTString_SFormat("%d-%s", 7, "x");
     EXPECT_EQ(DTString_SFormat("%s", "second"), first);
     EXPECT_STREQ(first, "second");
     EXPECT_EQ(DTString_SFormat(nullptr), first);
     EXPECT_STREQ(first, "") << "no format: emptied";
     EXPECT_EQ(strlen(DTString_SFormat("%s", std::string(1500, 'L').c_str())), 999u);
-    std::vector<uint8_t> bytes(4000, 0xEE);
-    char *dump = DTString_SHFormat(bytes.data(), 3265);
+    std::vector<uint8_t> big(4000, 0xEE);
+    char *dump = DTString_SHFormat(big.data(), 3265);
     EXPECT_EQ(strlen(dump), 9999u);
-    EXPECT_EQ(DTString_SHFormat(bytes.data(), 4000), dump);
+    EXPECT_EQ(DTString_SHFormat(big.data(), 4000), dump);
     EXPECT_EQ(strlen(dump), 9999u);  // cut at what the shared buffer holds
-    char buf[32];
-    EXPECT_EQ(DTString_Format(buf, "%s=%04x", "id", 0x2a), buf);
-    EXPECT_STREQ(buf, "id=002a");
+    EXPECT_EQ(DTString_Format(out, "%s=%04x", "id", 0x2a), out);
+    EXPECT_STREQ(out, "id=002a");
 }
 
 TEST(DTString, SplitInPlace) {

@@ -8,8 +8,7 @@ static std::string Area(DTInfo *info, uint32_t n) { return std::string((char *)i
 
 static std::string Hex(const void *p) {
     char b[16];
-    snprintf(b, sizeof b, "0x%x", (unsigned)(uintptr_t)p);
-    return b;
+    return std::string(b, snprintf(b, sizeof b, "0x%x", (unsigned)(uintptr_t)p));
 }
 
 // Records a walk from the start finds.
@@ -52,10 +51,10 @@ TEST(DTInfo, GrowthRuleAndReport) {
         {0, 1000, {2048, 4096, 8192, 16384, 32768, 65536, 131072, 262144, 524288, 786432}},
         {0, 4996, {5120}},  // one record: its shortfall 3976 rounded up to 4096
     };
+    const std::string data(4996, 'x');
     testing::internal::CaptureStdout();
     for (auto &c : cases) {
         DTInfo *info = DTInfo_New(c.maxsize);
-        std::string data(c.data, 'x');
         std::vector<uint32_t> caps;
         while (caps.size() < c.caps.size() && DTInfo_Append(info, "k", 1, data.data(), c.data) > 0)
             if (info->memory->size != (caps.empty() ? 1024 : caps.back())) caps.push_back(info->memory->size);
@@ -65,7 +64,6 @@ TEST(DTInfo, GrowthRuleAndReport) {
     testing::internal::GetCapturedStdout();
 
     DTInfo *info = DTInfo_New(8192);
-    std::string data(1000, 'x');
     DTInfo_Append(info, "k", 1, data.data(), 1000);
     std::string oldArea = Hex(info->memory);
     testing::internal::CaptureStdout();
@@ -136,7 +134,7 @@ TEST(DTInfo, FullRingWalksAndWraps) {
     DTInfo_Release(info);
 }
 
-TEST(DTInfoPack, AddInfoLayoutFollowsFlag) {
+TEST(DTInfoPack, AddInfoLayoutFollowsFlagUpToTheLargestRecord) {
     struct Case { uint32_t id; bool flagOn; const char *format; uint32_t dataLen; } cases[] = {
         {12, false, "*TBhI4S2S0S", 17}, {12, true, "*TBhI4S2S6S", 23}, {2500, false, "*TBhI4S2S6S", 23}};
     for (const Case &c : cases) {
@@ -157,10 +155,7 @@ TEST(DTInfoPack, AddInfoLayoutFollowsFlag) {
         EXPECT_EQ(0, DTInfo_GetPack(info, &cursor, format, &data));
         DTInfo_Release(info);
     }
-}
-
-// The data length field has 16 bits: a record of 0xFFFF data bytes is the largest stored.
-TEST(DTInfoPack, AddInfoLargestRecord) {
+    // The data length field has 16 bits: a record of 0xFFFF data bytes is the largest stored.
     DTInfo *info = DTInfo_New(0);
     const std::string big(0xFFFF, 'b');
     DTInfo_AddInfo(info, 1, 12, nullptr, 0, nullptr, 0, nullptr, 0, 0);  // null texts of no bytes

@@ -48,7 +48,7 @@ TEST(DTLogger, WriteObeysFlagWord) {
     EXPECT_EQ(-1, DTLogger_Write(nullptr, 1, "x"));
 }
 
-TEST(DTLogger, AppendShowAndIgnore) {
+TEST(DTLogger, AppendShowIgnoreAndBoundedFields) {
     DTLogger *logger = DTLogger_New(0);
     DTLogger_SetInfoSize(logger, 30000);
     DTLogger_Append(logger, 0, 99, "boot");
@@ -92,10 +92,10 @@ TEST(DTLogger, AppendShowAndIgnore) {
     EXPECT_EQ(std::vector<uint32_t>(5, 1000), dttest::Delays());
     DTBuf_Release(buf);
     DTLogger_Release(logger);
-}
 
-TEST(DTLogger, HeaderStackAndFieldsAreBounded) {
-    DTLogger *logger = DTLogger_New(255);
+    // The header stack and the fields are bounded.
+    logger = DTLogger_New(255);
+    dttest::ClearConsole();
     DTLogger_Header(logger, "a");
     DTLogger_Tail(logger);
     DTLogger_Tail(logger);  // an empty stack stays empty
