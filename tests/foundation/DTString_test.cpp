@@ -7,7 +7,7 @@
 
 #include "foundation/DTString.h"
 
-TEST(DTString, HexDumpBreaksAfterEvery16thByteAndSharedBuffersAreBounded) {
+TEST(DTString, HexDumpSharedBuffersAndSplitInPlace) {
     uint8_t bytes[40];
     for (int i = 0; i < 40; ++i) bytes[i] = static_cast<uint8_t>(i * 0x11);
     char out[200];
@@ -34,15 +34,13 @@ TEST(DTString, HexDumpBreaksAfterEvery16thByteAndSharedBuffersAreBounded) {
     EXPECT_EQ(strlen(dump), 9999u);  // cut at what the shared buffer holds
     EXPECT_EQ(DTString_Format(out, "%s=%04x", "id", 0x2a), out);
     EXPECT_STREQ(out, "id=002a");
-}
-
-TEST(DTString, SplitInPlace) {
-    struct { const char *text, *sep; int32_t max; std::vector<std::string> parts; } cases[] = {
+    // Splitting in place.
+    struct { const char *text, *sep; int32_t max; std::vector<std::string> parts; } splits[] = {
         {"a,b,c", ",", 0, {"a", "b", "c"}}, {"a,b,c", ",", 2, {"a", "b,c"}}, {"a,b,c", ",", -1, {"a,b,c"}},
         {"key==value", "==", 0, {"key", "value"}}, {"", ",", 0, {""}}, {"a,,b", ",", 0, {"a", "", "b"}},
         {"a==", "==", 0, {"a", ""}}, {"abc", "", 0, {"abc"}}, {",a", ",", 0, {"", "a"}},
     };
-    for (const auto &c : cases) {
+    for (const auto &c : splits) {
         char str[32];
         strcpy(str, c.text);
         char *parts[8];

@@ -46,7 +46,9 @@ static Lines Dump(const char *fmt, const Bytes &src) {
     return dttest::Console();
 }
 
-TEST(DTBuffer, DumpLines) {
+// Equal by design: a last empty S piece (nothing is shown for it); the value of an s or
+// S field read as a number before it is dumped as text or hex (never used).
+TEST(DTBuffer, DumpLinesAndLongFieldsWhole) {
     setenv("TZ", "UTC", 1);
     tzset();
     EXPECT_EQ((Lines{"format:*3S\n", "0001[3S]=>\n", "41 42 43 \n"}), Dump("*3S", {0x41, 0x42, 0x43}));
@@ -61,11 +63,7 @@ TEST(DTBuffer, DumpLines) {
     EXPECT_EQ(Lines{}, Dump("*B2147483647S2147483647S1S", {0}));  // refused whole: nothing shown
     EXPECT_EQ((Lines{"format:*B2147483648sB\n", "0001[B]=>0x01<\n", "0002[0s]=><\n", "0003[B]=>0x02<\n"}),
               Dump("*B2147483648sB", {1, 2}));
-}
-
-// Equal by design: a last empty S piece (nothing is shown for it); the value of an s or
-// S field read as a number before it is dumped as text or hex (never used).
-TEST(DTBuffer, DumpLongFieldsWhole) {
+    // Long fields are shown whole.
     Dump("*1500s", Bytes(1500, 'q'));
     EXPECT_EQ("format:*1500s\n0001[1500s]=>" + std::string(1500, 'q') + "<\n", dttest::ConsoleText());
     Bytes bytes(4000);

@@ -18,7 +18,7 @@ static int Count(DTInfo *info, const char *filter) {
         if (!DTInfo_Get(info, filter, 0, &cursor, nullptr, nullptr, nullptr, nullptr)) return n;
 }
 
-TEST(DTInfo, NewFramingFlagsAndIgnore) {
+TEST(DTInfo, NewFramingFlagsIgnoreAndRefusedWrites) {
     DTInfo *info = DTInfo_New(0xFFFFFFFF);  // no multiple of 1024 above: the last one below
     EXPECT_EQ(0xFFFFFC00u, info->maxsize);
     EXPECT_EQ(9, DTInfo_Write(info, "w", "hello"));
@@ -36,6 +36,30 @@ TEST(DTInfo, NewFramingFlagsAndIgnore) {
     EXPECT_EQ(1, DTInfo_Append2Message(info, "w", 1, "x", 1, "y", 1));
     EXPECT_EQ(0, DTInfo_PackPre(info, "w", 1, 1));
     EXPECT_EQ(9u, info->freeAddr);
+    DTInfo_Release(info);
+    // Refused writes leave the store unchanged.
+    info = DTInfo_New(1024);
+    DTInfo_Write(info, "w", "keep");
+    const std::string before = Area(info, 1024), big(1100, 'b');
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(-1, DTInfo_Write(info, "w", big.c_str()));  // larger than maxsize
+    EXPECT_EQ(0, DTInfo_Append2Message(info, "w", 1, big.data(), 40000, big.data(), 30000));
+    EXPECT_EQ(-1, DTInfo_Append(info, nullptr, 3, "x", 1));
+    EXPECT_EQ(-1, DTInfo_Append(nullptr, "w", 1, "x", 1));
+    EXPECT_EQ(0, DTInfo_Append2Message(info, big.data(), 255, "x", 1, "y", 1));  // the free-space mark
+    for (uint32_t *field : {&info->freesize, &info->freeAddr}) {  // damaged header
+        uint32_t keep = *field;
+        *field = 1025;
+        EXPECT_EQ(-1, DTInfo_Write(info, "w", "x"));
+        EXPECT_EQ(0, DTInfo_PackPre(info, "w", 1, 1));
+        EXPECT_EQ(0, DTInfo_Append2Message(info, "w", 1, "x", 1, "y", 1));
+        *field = keep;
+    }
+    DTLogger_Dump(nullptr);
+    EXPECT_EQ("size 1104", testing::internal::GetCapturedStdout());
+    EXPECT_EQ(before, Area(info, 1024));
+    info->memory->data[2] = 0xFF;  // the data length now runs past the area's end
+    EXPECT_EQ(0, Count(info, nullptr));
     DTInfo_Release(info);
 }
 
@@ -75,33 +99,6 @@ TEST(DTInfo, GrowthRuleAndReport) {
               "maxsize: 8192\nfreesize: 1044\n", testing::internal::GetCapturedStdout());
     DTInfo_ReSize(info, 2048);  // a limit no larger than the area starts a fresh one, as a smaller one
     EXPECT_EQ(1024u, info->memory->size);
-    DTInfo_Release(info);
-}
-
-TEST(DTInfo, RefusedWritesLeaveStoreUnchanged) {
-    DTInfo *info = DTInfo_New(1024);
-    DTInfo_Write(info, "w", "keep");
-    const std::string before = Area(info, 1024), big(1100, 'b');
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(-1, DTInfo_Write(info, "w", big.c_str()));  // larger than maxsize
-    EXPECT_EQ(0, DTInfo_Append2Message(info, "w", 1, big.data(), 40000, big.data(), 30000));
-    EXPECT_EQ(-1, DTInfo_Append(info, nullptr, 3, "x", 1));
-    EXPECT_EQ(-1, DTInfo_Append(nullptr, "w", 1, "x", 1));
-    EXPECT_EQ(0, DTInfo_Append2Message(info, big.data(), 255, "x", 1, "y", 1));  // the free-space mark
-    for (uint32_t *field : {&info->freesize, &info->freeAddr}) {  // damaged header
-        uint32_t keep = *field;
-        *field = 1025;
-        EXPECT_EQ(-1, DTInfo_Write(info, "w", "x"));
-        EXPECT_EQ(0, DTInfo_PackPre(info, "w", 1, 1));
-        EXPECT_EQ(0, DTInfo_Append2Message(info, "w", 1, "x", 1, "y", 1));
-        *field = keep;
-    }
-    DTLogger_Dump(nullptr);
-    EXPECT_EQ("size 1104", testing::internal::GetCapturedStdout());
-    EXPECT_EQ(before, Area(info, 1024));
-    info->memory->data[2] = 0xFF;  // the data length now runs past the area's end
-    uint32_t cursor = DTINFO_START;
-    EXPECT_EQ(0, DTInfo_Get(info, nullptr, 0, &cursor, nullptr, nullptr, nullptr, nullptr));
     DTInfo_Release(info);
 }
 

@@ -41,7 +41,7 @@ static std::string ToBuf(DTTable *t) {
 // missing column in an existing row (only defined columns hold cells); widening
 // to a width already held; a centring run of 0 blanks under a caption as wide as
 // the table.
-TEST(DTTable, ModelGrowsOnDemandAndRefusesWhatItCannotStore) {
+TEST(DTTable, ModelGrowsRefusesWhatItCannotStoreAndSumsInTheColumnsKind) {
     DTTable *t = DTTable_New();
     int32_t v = 7, got = 0;
     DTTable_SetTitle(t, 2, "n", DTTABLE_KIND_INT32, "%d", 'R');
@@ -77,10 +77,8 @@ TEST(DTTable, ModelGrowsOnDemandAndRefusesWhatItCannotStore) {
     EXPECT_EQ(101, Col(t, 2)->width);      // from the title alone
     EXPECT_EQ(101, Col(t, 0)->width);      // the length the cell holds
     DTTable_Release(t);
-}
 
-// Single precision loses the small additions to 2^24; integers wrap.
-TEST(DTTable, SumTotalsInTheColumnsKind) {
+    // Sums total in the column's kind: single precision loses the small additions to 2^24; integers wrap.
     struct { uint32_t kind; const char *format; double values[3]; const char *sumText; int32_t width; } const
         cases[] = {
         {DTTABLE_KIND_DOUBLE, "%.1f", {16777216, 1, 1}, "16777218.0", 12},
@@ -90,7 +88,7 @@ TEST(DTTable, SumTotalsInTheColumnsKind) {
         {7, "%lld", {5, 5, 5}, "0", 3},  // cells of kinds above 4 hold nothing to add
     };
     for (const auto &c : cases) {
-        DTTable *t = DTTable_New();
+        t = DTTable_New();
         DTTable_SetTitle(t, 0, "", c.kind, c.format, 'R');
         for (int32_t r = 0; r < 3; ++r) {
             double d = c.values[r];
