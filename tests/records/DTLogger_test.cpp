@@ -34,7 +34,6 @@ TEST(DTLogger, WriteObeysFlagWord) {
     for (const auto &c : cases) {
         SCOPED_TRACE(std::to_string(c.flags) + " level " + std::to_string(c.level));
         DTLogger *logger = DTLogger_New(c.flags);
-        dttest::ClearConsole();
         EXPECT_EQ(c.result, DTLogger_Write(logger, c.level, c.text));
         EXPECT_EQ(c.echo, Flushed());
         const std::vector<std::string> recs = Records(logger);
@@ -75,7 +74,6 @@ TEST(DTLogger, AppendShowIgnoreAndBoundedFields) {
     DTLogger_Write(logger, 1, "hello");
     DTInfo_Write(logger->store, "l", "");  // an empty line shows as a bare line break
     const std::string shown = Records(logger)[0].substr(2) + "\nhello\n\n";
-    dttest::ClearConsole();
     dttest::ClearDelays();
     DTLogger_ShowInfo(logger, 1);
     EXPECT_EQ(shown, dttest::ConsoleText());
