@@ -57,5 +57,6 @@ TEST(DTPrint, PrintObjectsBufferAndRefuseThenShowsHandOverOneLinePerCall) {
     for (int32_t len : {0, -1, 5}) DTPrint_Show(nullptr, len);
     DTPrint_Show(std::string(1500, 'q').c_str(), 0);
     DTPrint_ShowEx("", 0);
-    EXPECT_EQ(dttest::Console(), (Calls{"abc\n", "de\n", "x\n", "yw", std::string(999, 'q'), std::string(501, 'q')}));
+    EXPECT_EQ(dttest::Console(),
+              (Calls{"abc\n", "de\n", "x\n", "yw", std::string(999, 'q'), std::string(501, 'q')}));
 }

@@ -35,11 +35,11 @@ TEST(DTTime, FormatTokensAndClockReadings) {
     EXPECT_EQ(DTTime_Format(buf, "YY", t2026), buf);
     EXPECT_EQ(DTTime_Format(buf, nullptr, t2026), buf);
     EXPECT_EQ(buf[0], '\0');
-    int32_t before = DTTime_Now();
+    int32_t t = DTTime_Now();
     std::string now = Fmt("YYYYMMDDHHMISS", 0);
-    EXPECT_TRUE(now == Fmt("YYYYMMDDHHMISS", before) || now == Fmt("YYYYMMDDHHMISS", DTTime_Now())) << now;
-    EXPECT_LE(static_cast<uint32_t>(time(nullptr)) - static_cast<uint32_t>(before), 1u);
-    EXPECT_LE(static_cast<uint32_t>(DTTime_GetTime(INT32_MIN)) - static_cast<uint32_t>(before) - 0x80000000u, 1u);
+    EXPECT_TRUE(now == Fmt("YYYYMMDDHHMISS", t) || now == Fmt("YYYYMMDDHHMISS", DTTime_Now())) << now;
+    EXPECT_LE(static_cast<uint32_t>(time(nullptr)) - static_cast<uint32_t>(t), 1u);
+    EXPECT_LE(static_cast<uint32_t>(DTTime_GetTime(INT32_MIN)) - static_cast<uint32_t>(t) - 0x80000000u, 1u);
     // The counter is the low 32 bits of the wall clock in microseconds;
     // unsigned differences make the bracket hold across a wrap.
     struct timeval tv;
