@@ -20,7 +20,7 @@ TEST(DTString, HexDumpSharedBuffersAndSplitInPlace) {
         EXPECT_EQ(out[c.chars + 1], 'Z') << c.len;  // nothing written past the zero
     }
     EXPECT_STREQ(DTString_HFormat(out, bytes, 17), "00 11 22 33 44 55 66 77 88 99 AA BB CC DD EE FF \n10 ");
-    // The shared buffers: the hex one one byte larger would change nothing, as dumps stop at 3265 bytes.
+    // Shared buffers: a hex buffer one byte larger would change nothing, as dumps stop at 3265 bytes.
     char *first = DTString_SFormat("%d-%s", 7, "x");
     EXPECT_EQ(DTString_SFormat("%s", "second"), first);
     EXPECT_STREQ(first, "second");
