@@ -13,18 +13,6 @@ static DTTableTitle *Col(DTTable *t, int32_t col) {
     return static_cast<DTTableTitle *>(DTList_Get(t->titles, col));
 }
 
-static DTTable *Example() {
-    DTTable *t = DTTable_New();
-    DTTable_SetCaption(t, "Memory");
-    DTTable_SetTitle(t, 0, "name", DTTABLE_KIND_STRING, "%s", 'L');
-    DTTable_SetTitle(t, 1, "size", DTTABLE_KIND_INT32, "%d", 'R');
-    int32_t sizes[] = {1024, 64};
-    DTTable_Set(t, 0, 0, "heap");
-    DTTable_Set(t, 1, 0, "stack");
-    for (int32_t r = 0; r < 2; ++r) DTTable_Set(t, r, 1, &sizes[r]);
-    return t;
-}
-
 static std::string ToBuf(DTTable *t) {
     DTBuf *b = DTBuf_New(1, 16, 16);
     void *p = nullptr;
@@ -111,7 +99,14 @@ TEST(DTTable, ModelGrowsRefusesWhatItCannotStoreAndSumsInTheColumnsKind) {
 
 TEST(DTTableRender, ExampleOnEverySinkThenBlanksAndHoles) {
     int64_t before = dttest::LiveBlocks();
-    DTTable *t = Example();
+    DTTable *t = DTTable_New();
+    DTTable_SetCaption(t, "Memory");
+    DTTable_SetTitle(t, 0, "name", DTTABLE_KIND_STRING, "%s", 'L');
+    DTTable_SetTitle(t, 1, "size", DTTABLE_KIND_INT32, "%d", 'R');
+    int32_t sizes[] = {1024, 64};
+    DTTable_Set(t, 0, 0, "heap");
+    DTTable_Set(t, 1, 0, "stack");
+    for (int32_t r = 0; r < 2; ++r) DTTable_Set(t, r, 1, &sizes[r]);
     // The caller's buffer gets the text without footer; one that fills drops what
     // it holds and starts again at its beginning, so it ends with the tail.
     char buf[200];
