@@ -47,8 +47,38 @@ TEST(DTLogger, WriteObeysFlagWord) {
     EXPECT_EQ(-1, DTLogger_Write(nullptr, 1, "x"));
 }
 
-TEST(DTLogger, AppendShowIgnoreAndBoundedFields) {
-    DTLogger *logger = DTLogger_New(0);
+TEST(DTLogger, BoundedFieldsThenAppendShowAndIgnore) {
+    // Bounded header stack and fields. The release that closes a host's file comes first: one before it
+    // that wrongly closed descriptor 0 would let the file reuse 0 and be closed all the same.
+    DTLogger *logger = DTLogger_New(255);
+    DTLogger_Header(logger, "a");
+    DTLogger_Tail(logger);
+    DTLogger_Tail(logger);  // an empty stack stays empty
+    EXPECT_EQ(-1, logger->headerTop);
+    DTLogger_ShowToBuf(logger, nullptr);  // no store yet
+    DTLogger_ShowToBuf(nullptr, nullptr);
+    DTLogger_Append(nullptr, 0, 0, "x");
+    DTLogger_SetInfoSize(nullptr, 1);
+    EXPECT_TRUE(dttest::Console().empty());
+    for (int i = 0; i <= 100; ++i) DTLogger_Header(logger, std::to_string(i).c_str());
+    DTLogger_Header(logger, nullptr);
+    EXPECT_EQ(99, logger->headerTop);
+    EXPECT_STREQ("100", logger->headers[99]);
+    const std::string longText(600, 'n');
+    DTLogger_Header(logger, longText.c_str());
+    DTLogger_SetFileName(logger, longText.c_str());
+    DTLogger_SetUDP(logger, longText.c_str(), 514);
+    EXPECT_EQ(longText.substr(0, 49), logger->headers[99]);
+    EXPECT_EQ(longText.substr(0, 499), logger->fileName);
+    EXPECT_EQ(longText.substr(0, 19), logger->udpAddr);
+    EXPECT_EQ(514, logger->udpPort);
+    const int fd = open("/dev/null", O_RDONLY);  // a host's file: the release closes it
+    logger->fd = fd;
+    DTLogger_Release(logger);
+    EXPECT_EQ(-1, fcntl(fd, F_GETFD));
+    DTLogger_Release(nullptr);
+
+    logger = DTLogger_New(0);
     DTLogger_SetInfoSize(logger, 30000);
     DTLogger_Append(logger, 0, 99, "boot");
     DTLogger_Append(logger, 3, 0, "err");
@@ -90,34 +120,4 @@ TEST(DTLogger, AppendShowIgnoreAndBoundedFields) {
     EXPECT_EQ(std::vector<uint32_t>(5, 1000), dttest::Delays());
     DTBuf_Release(buf);
     DTLogger_Release(logger);
-
-    // The header stack and the fields are bounded.
-    logger = DTLogger_New(255);
-    dttest::ClearConsole();
-    DTLogger_Header(logger, "a");
-    DTLogger_Tail(logger);
-    DTLogger_Tail(logger);  // an empty stack stays empty
-    EXPECT_EQ(-1, logger->headerTop);
-    DTLogger_ShowToBuf(logger, nullptr);  // no store yet
-    DTLogger_ShowToBuf(nullptr, nullptr);
-    DTLogger_Append(nullptr, 0, 0, "x");
-    DTLogger_SetInfoSize(nullptr, 1);
-    EXPECT_TRUE(dttest::Console().empty());
-    for (int i = 0; i <= 100; ++i) DTLogger_Header(logger, std::to_string(i).c_str());
-    DTLogger_Header(logger, nullptr);
-    EXPECT_EQ(99, logger->headerTop);
-    EXPECT_STREQ("100", logger->headers[99]);
-    const std::string longText(600, 'n');
-    DTLogger_Header(logger, longText.c_str());
-    DTLogger_SetFileName(logger, longText.c_str());
-    DTLogger_SetUDP(logger, longText.c_str(), 514);
-    EXPECT_EQ(longText.substr(0, 49), logger->headers[99]);
-    EXPECT_EQ(longText.substr(0, 499), logger->fileName);
-    EXPECT_EQ(longText.substr(0, 19), logger->udpAddr);
-    EXPECT_EQ(514, logger->udpPort);
-    const int fd = open("/dev/null", O_RDONLY);  // a host's file: the release closes it
-    logger->fd = fd;
-    DTLogger_Release(logger);
-    EXPECT_EQ(-1, fcntl(fd, F_GETFD));
-    DTLogger_Release(nullptr);
 }
