@@ -59,30 +59,10 @@ TEST(DTHash, EveryKeyByteTellsKeysApart) {
     }
 }
 
-TEST(DTHash, RefusedArguments) {
-    uint32_t v = 5;
-    void *out = &v;
-    EXPECT_EQ(DTHash_Get(nullptr, &v, &out), 0);
-    EXPECT_EQ(out, &v);  // a null table leaves the out pointer alone
-    EXPECT_EQ(DTHash_New(0xFFFFFFF0u, 0x20, 8, nullptr), nullptr);  // entry size wraps
-    EXPECT_EQ(DTHash_New(4, 4, 0x7FFFFFFFu, nullptr), nullptr);     // bucket array wraps
-    DTHash_Show(nullptr);
-    DTHash_ShowDepth(nullptr);
-
-    // No buckets: nowhere to put a key (a bucket looked up there would be a crash). Find and
-    // the shows skip their guard harmlessly here: an empty loop is the same.
-    DTHash *h = DTHash_New(4, 4, 0, TopByte);
-    ASSERT_NE(h, nullptr);
-    EXPECT_EQ(Set(h, 1, 1), 0);
-    EXPECT_EQ(Get(h, 1), -1);
-    Del(h, 1);
-    DTHash_Release(h);
-}
-
 // The lookup's prefetches are hints: without any of them, or at another distance
 // (DTHash.cpp:112), every answer is the same. Show's walk only needs a nonzero answer
 // from its comparison to go on (DTHash.cpp:73: -1 walks as 1 does).
-TEST(DTHash, FindAndShowGoByBucketThenNewestFirst) {
+TEST(DTHash, FindAndShowGoByBucketThenNewestFirstAndRefusals) {
     DTHash *h = DTHash_New(4, 4, 4, TopByte);
     // Replacing the oldest key keeps its single entry where it was.
     for (uint32_t key : {0x02000001u, 0x00000001u, 0x02000002u, 0x05000001u, 0x00000002u, 0x02000001u})
@@ -119,6 +99,23 @@ TEST(DTHash, FindAndShowGoByBucketThenNewestFirst) {
               (Lines{"key=>\n", "format:*4S\n", "0001[4S]=>\n", "01 00 01 02 \n", "result=>\n", "format:*2S\n",
                      "0001[2S]=>\n", "FF 00 \n", d, "key=>\n", "format:*4S\n", "0001[4S]=>\n", "02 00 00 07 \n",
                      "result=>\n", "format:*2S\n", "0001[2S]=>\n", "12 34 \n", d}));
+    DTHash_Release(h);
+
+    void *out = &want;
+    EXPECT_EQ(DTHash_Get(nullptr, &want, &out), 0);
+    EXPECT_EQ(out, &want);  // a null table leaves the out pointer alone
+    EXPECT_EQ(DTHash_New(0xFFFFFFF0u, 0x20, 8, nullptr), nullptr);  // entry size wraps
+    EXPECT_EQ(DTHash_New(4, 4, 0x7FFFFFFFu, nullptr), nullptr);     // bucket array wraps
+    DTHash_Show(nullptr);
+    DTHash_ShowDepth(nullptr);
+
+    // No buckets: nowhere to put a key (a bucket looked up there would be a crash). Find and
+    // the shows skip their guard harmlessly here: an empty loop is the same.
+    h = DTHash_New(4, 4, 0, TopByte);
+    ASSERT_NE(h, nullptr);
+    EXPECT_EQ(Set(h, 1, 1), 0);
+    EXPECT_EQ(Get(h, 1), -1);
+    Del(h, 1);
     DTHash_Release(h);
 }
 

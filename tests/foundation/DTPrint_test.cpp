@@ -6,19 +6,7 @@
 
 using Calls = std::vector<std::string>;
 
-TEST(DTPrint, ShowHandsOverOneLinePerCall) {
-    DTPrint_Show("ab", 0);
-    DTPrint_Show("c\nde\n", 0);
-    DTPrint_Puts("x", 0);
-    DTPrint_Show("yz", 1);
-    DTPrint_ShowEx("w", 0);
-    for (int32_t len : {0, -1, 5}) DTPrint_Show(nullptr, len);
-    DTPrint_Show(std::string(1500, 'q').c_str(), 0);
-    DTPrint_ShowEx("", 0);
-    EXPECT_EQ(dttest::Console(), (Calls{"abc\n", "de\n", "x\n", "yw", std::string(999, 'q'), std::string(501, 'q')}));
-}
-
-TEST(DTPrint, PrintChRunsWithPrintingOnAndOffAndRefusals) {
+TEST(DTPrint, PrintObjectsBufferAndRefuseThenShowsHandOverOneLinePerCall) {
     char buf[10];
     DTPrint *p = DTPrint_New(buf, sizeof buf);
     DTPrint_PrintCh(p, 0x12A, 25);  // only the low byte counts
@@ -45,13 +33,9 @@ TEST(DTPrint, PrintChRunsWithPrintingOnAndOffAndRefusals) {
     DTPrint_Flush(nullptr);
     DTPrint_SetPrint(nullptr, 1);
     DTPrint_Release(nullptr);
-}
-
-TEST(DTPrint, PrintNeverCutsAString) {
-    char buf[10];
-    for (uint32_t on : {1u, 0u}) {
+    for (uint32_t on : {1u, 0u}) {  // a string is never cut
         dttest::ClearConsole();
-        DTPrint *p = DTPrint_New(buf, sizeof buf);
+        p = DTPrint_New(buf, sizeof buf);
         DTPrint_SetPrint(p, on);
         DTPrint_Print(p, "abcd", 3);
         EXPECT_EQ(p->length, 4);
@@ -63,4 +47,16 @@ TEST(DTPrint, PrintNeverCutsAString) {
         EXPECT_EQ(dttest::Console(), on ? want : Calls{});
         DTPrint_Release(p);
     }
+    // Shows hand the console one line per call.
+    dttest::ClearConsole();
+    DTPrint_Show("ab", 0);
+    DTPrint_Show("c\nde\n", 0);
+    DTPrint_Puts("x", 0);
+    DTPrint_Show("yz", 1);
+    DTPrint_ShowEx("w", 0);
+    for (int32_t len : {0, -1, 5}) DTPrint_Show(nullptr, len);
+    DTPrint_Show(std::string(1500, 'q').c_str(), 0);
+    DTPrint_ShowEx("", 0);
+    EXPECT_EQ(dttest::Console(),
+              (Calls{"abc\n", "de\n", "x\n", "yw", std::string(999, 'q'), std::string(501, 'q')}));
 }

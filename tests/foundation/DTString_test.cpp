@@ -7,7 +7,7 @@
 
 #include "foundation/DTString.h"
 
-TEST(DTString, HexDumpBreaksAfterEvery16thByteWithASuccessor) {
+TEST(DTString, HexDumpSharedBuffersAndSplitInPlace) {
     uint8_t bytes[40];
     for (int i = 0; i < 40; ++i) bytes[i] = static_cast<uint8_t>(i * 0x11);
     char out[200];
@@ -20,33 +20,27 @@ TEST(DTString, HexDumpBreaksAfterEvery16thByteWithASuccessor) {
         EXPECT_EQ(out[c.chars + 1], 'Z') << c.len;  // nothing written past the zero
     }
     EXPECT_STREQ(DTString_HFormat(out, bytes, 17), "00 11 22 33 44 55 66 77 88 99 AA BB CC DD EE FF \n10 ");
-}
-
-// The hex buffer one byte larger would change nothing: dumps stop at 3265 bytes.
-TEST(DTString, SharedBuffersAreReusedAndBounded) {
+    // Shared buffers: a hex buffer one byte larger would change nothing, as dumps stop at 3265 bytes.
     char *first = DTString_SFormat("%d-%s", 7, "x");
     EXPECT_EQ(DTString_SFormat("%s", "second"), first);
     EXPECT_STREQ(first, "second");
     EXPECT_EQ(DTString_SFormat(nullptr), first);
     EXPECT_STREQ(first, "") << "no format: emptied";
     EXPECT_EQ(strlen(DTString_SFormat("%s", std::string(1500, 'L').c_str())), 999u);
-    std::vector<uint8_t> bytes(4000, 0xEE);
-    char *dump = DTString_SHFormat(bytes.data(), 3265);
+    std::vector<uint8_t> big(4000, 0xEE);
+    char *dump = DTString_SHFormat(big.data(), 3265);
     EXPECT_EQ(strlen(dump), 9999u);
-    EXPECT_EQ(DTString_SHFormat(bytes.data(), 4000), dump);
+    EXPECT_EQ(DTString_SHFormat(big.data(), 4000), dump);
     EXPECT_EQ(strlen(dump), 9999u);  // cut at what the shared buffer holds
-    char buf[32];
-    EXPECT_EQ(DTString_Format(buf, "%s=%04x", "id", 0x2a), buf);
-    EXPECT_STREQ(buf, "id=002a");
-}
-
-TEST(DTString, SplitInPlace) {
-    struct { const char *text, *sep; int32_t max; std::vector<std::string> parts; } cases[] = {
+    EXPECT_EQ(DTString_Format(out, "%s=%04x", "id", 0x2a), out);
+    EXPECT_STREQ(out, "id=002a");
+    // Splitting in place.
+    struct { const char *text, *sep; int32_t max; std::vector<std::string> parts; } splits[] = {
         {"a,b,c", ",", 0, {"a", "b", "c"}}, {"a,b,c", ",", 2, {"a", "b,c"}}, {"a,b,c", ",", -1, {"a,b,c"}},
         {"key==value", "==", 0, {"key", "value"}}, {"", ",", 0, {""}}, {"a,,b", ",", 0, {"a", "", "b"}},
         {"a==", "==", 0, {"a", ""}}, {"abc", "", 0, {"abc"}}, {",a", ",", 0, {"", "a"}},
     };
-    for (const auto &c : cases) {
+    for (const auto &c : splits) {
         char str[32];
         strcpy(str, c.text);
         char *parts[8];

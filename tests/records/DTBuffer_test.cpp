@@ -21,14 +21,12 @@ TEST(DTBuffer, PackAndExtract) {
     EXPECT_EQ(0, DTBuffer_UNPack("B", nullptr));
 
     EXPECT_EQ(14u, DTBuffer_Pack(buf, "bHi2S5sS", 200, 0xBEEF, -5, "\x01\x02", "abcde", "x"));
-    uint8_t b = 0;
-    uint16_t H = 0;
-    int32_t i = 0;
+    struct { uint8_t b; uint16_t H; int32_t i; } v{};
     char S[3], s[6] = "#####", empty[2] = "?";
-    EXPECT_EQ(6, DTBuffer_UNPack("bHi2S5sS", buf, &b, &H, &i, S, s, empty));
-    EXPECT_EQ(200, b);
-    EXPECT_EQ(0xBEEF, H);
-    EXPECT_EQ(-5, i);
+    EXPECT_EQ(6, DTBuffer_UNPack("bHi2S5sS", buf, &v.b, &v.H, &v.i, S, s, empty));
+    EXPECT_EQ(200, v.b);
+    EXPECT_EQ(0xBEEF, v.H);
+    EXPECT_EQ(-5, v.i);
     EXPECT_EQ(0, memcmp(S, "\x01\x02", 3));
     EXPECT_EQ(0, memcmp(s, "abcde", 6));
     EXPECT_STREQ("", empty);
@@ -36,14 +34,8 @@ TEST(DTBuffer, PackAndExtract) {
     EXPECT_EQ(0xFFFFFFFFu, DTBuffer_GetPackSize("2147483647S2147483647S1S", nullptr));  // the largest total
     // One byte more: nothing packed, nothing read.
     EXPECT_EQ(0u, DTBuffer_Pack(buf, "B2147483647S2147483647S1S", 7, "a", "b", "c"));
-    EXPECT_EQ(0, DTBuffer_UNPack("B2147483647S2147483647S1S", buf, &b, nullptr, nullptr, nullptr));
+    EXPECT_EQ(0, DTBuffer_UNPack("B2147483647S2147483647S1S", buf, &v.b, nullptr, nullptr, nullptr));
     EXPECT_EQ(200, buf[0]);
-}
-
-static std::string Joined(const Lines &lines, size_t from) {
-    std::string out;
-    for (size_t k = from; k < lines.size(); ++k) out += lines[k];
-    return out;
 }
 
 static Lines Dump(const char *fmt, const Bytes &src) {
@@ -54,7 +46,9 @@ static Lines Dump(const char *fmt, const Bytes &src) {
     return dttest::Console();
 }
 
-TEST(DTBuffer, DumpLines) {
+// Equal by design: a last empty S piece (nothing is shown for it); the value of an s or
+// S field read as a number before it is dumped as text or hex (never used).
+TEST(DTBuffer, DumpLinesAndLongFieldsWhole) {
     setenv("TZ", "UTC", 1);
     tzset();
     EXPECT_EQ((Lines{"format:*3S\n", "0001[3S]=>\n", "41 42 43 \n"}), Dump("*3S", {0x41, 0x42, 0x43}));
@@ -69,22 +63,17 @@ TEST(DTBuffer, DumpLines) {
     EXPECT_EQ(Lines{}, Dump("*B2147483647S2147483647S1S", {0}));  // refused whole: nothing shown
     EXPECT_EQ((Lines{"format:*B2147483648sB\n", "0001[B]=>0x01<\n", "0002[0s]=><\n", "0003[B]=>0x02<\n"}),
               Dump("*B2147483648sB", {1, 2}));
-}
-
-// Equal by design: a last empty S piece (nothing is shown for it); the value of an s or
-// S field read as a number before it is dumped as text or hex (never used).
-TEST(DTBuffer, DumpLongFieldsWhole) {
-    EXPECT_EQ("0001[1500s]=>" + std::string(1500, 'q') + "<\n", Joined(Dump("*1500s", Bytes(1500, 'q')), 1));
-
+    // Long fields are shown whole.
+    Dump("*1500s", Bytes(1500, 'q'));
+    EXPECT_EQ("format:*1500s\n0001[1500s]=>" + std::string(1500, 'q') + "<\n", dttest::ConsoleText());
     Bytes bytes(4000);
-    std::string want = "0001[4000S]=>\n";
+    Lines want = {"format:*4000S\n", "0001[4000S]=>\n"};  // then one hand-over per 16-byte line
     for (size_t k = 0; k < bytes.size(); ++k) {
         bytes[k] = static_cast<uint8_t>(k * 7);
-        want += "0123456789ABCDEF"[bytes[k] >> 4];
-        want += "0123456789ABCDEF"[bytes[k] & 15];
-        want += k % 16 == 15 || k + 1 == bytes.size() ? " \n" : " ";
+        if (k % 16 == 0) want.emplace_back();
+        want.back() += "0123456789ABCDEF"[bytes[k] >> 4];
+        want.back() += "0123456789ABCDEF"[bytes[k] & 15];
+        want.back() += k % 16 == 15 || k + 1 == bytes.size() ? " \n" : " ";
     }
-    Lines lines = Dump("*4000S", bytes);
-    EXPECT_EQ(2u + 250u, lines.size());  // format, header, one hand-over per 16-byte line
-    EXPECT_EQ(want, Joined(lines, 1));
+    EXPECT_EQ(want, Dump("*4000S", bytes));
 }

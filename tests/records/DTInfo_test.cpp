@@ -8,8 +8,7 @@ static std::string Area(DTInfo *info, uint32_t n) { return std::string((char *)i
 
 static std::string Hex(const void *p) {
     char b[16];
-    snprintf(b, sizeof b, "0x%x", (unsigned)(uintptr_t)p);
-    return b;
+    return std::string(b, snprintf(b, sizeof b, "0x%x", (unsigned)(uintptr_t)p));
 }
 
 // Records a walk from the start finds.
@@ -19,7 +18,7 @@ static int Count(DTInfo *info, const char *filter) {
         if (!DTInfo_Get(info, filter, 0, &cursor, nullptr, nullptr, nullptr, nullptr)) return n;
 }
 
-TEST(DTInfo, NewFramingFlagsAndIgnore) {
+TEST(DTInfo, NewFramingFlagsIgnoreAndRefusedWrites) {
     DTInfo *info = DTInfo_New(0xFFFFFFFF);  // no multiple of 1024 above: the last one below
     EXPECT_EQ(0xFFFFFC00u, info->maxsize);
     EXPECT_EQ(9, DTInfo_Write(info, "w", "hello"));
@@ -38,50 +37,8 @@ TEST(DTInfo, NewFramingFlagsAndIgnore) {
     EXPECT_EQ(0, DTInfo_PackPre(info, "w", 1, 1));
     EXPECT_EQ(9u, info->freeAddr);
     DTInfo_Release(info);
-}
-
-// Equal by design, so not cases: a 4-byte copy taken by the 2-byte path, a 16-byte copy
-// or fill made whole rather than as two 8-byte moves (same bytes); a grow step of exactly
-// the largest step chosen either way; "size " copied with its NUL, which the digits
-// overwrite; the size report through fwrite instead of the unlocked path, or unlocked
-// once a second thread exists (same bytes; only a race between threads could tell).
-TEST(DTInfo, GrowthRuleAndReport) {
-    struct Case { uint32_t maxsize, data; std::vector<uint32_t> caps; } cases[] = {
-        {8192, 1000, {2048, 4096, 8192}}, {3072, 1000, {2048, 3072}},
-        {5120, 1000, {2048, 4096, 5120}},  // doubles while the limit is at least twice the area
-        {0, 1000, {2048, 4096, 8192, 16384, 32768, 65536, 131072, 262144, 524288, 786432}},
-        {0, 4996, {5120}},  // one record: its shortfall 3976 rounded up to 4096
-    };
-    testing::internal::CaptureStdout();
-    for (auto &c : cases) {
-        DTInfo *info = DTInfo_New(c.maxsize);
-        std::string data(c.data, 'x');
-        std::vector<uint32_t> caps;
-        while (caps.size() < c.caps.size() && DTInfo_Append(info, "k", 1, data.data(), c.data) > 0)
-            if (info->memory->size != (caps.empty() ? 1024 : caps.back())) caps.push_back(info->memory->size);
-        EXPECT_EQ(c.caps, caps) << "maxsize " << c.maxsize;
-        DTInfo_Release(info);
-    }
-    testing::internal::GetCapturedStdout();
-
-    DTInfo *info = DTInfo_New(8192);
-    std::string data(1000, 'x');
-    DTInfo_Append(info, "k", 1, data.data(), 1000);
-    std::string oldArea = Hex(info->memory);
-    testing::internal::CaptureStdout();
-    ASSERT_EQ(1004, DTInfo_Append(info, "k", 1, data.data(), 1000));
-    std::string head = "logger info addr: " + Hex(info) + "\nmemory addr: ";
-    EXPECT_EQ("size 1004" + head + oldArea + "\nmemory size: 1024\nfree addr:   1004\nuse  addr:   0\n"
-              "maxsize: 8192\nfreesize: 20\nadd size 1024, new size 2048 freesize 1044\n" + head +
-              Hex(info->memory) + "\nmemory size: 2048\nfree addr:   1004\nuse  addr:   0\n"
-              "maxsize: 8192\nfreesize: 1044\n", testing::internal::GetCapturedStdout());
-    DTInfo_ReSize(info, 2048);  // a limit no larger than the area starts a fresh one, as a smaller one
-    EXPECT_EQ(1024u, info->memory->size);
-    DTInfo_Release(info);
-}
-
-TEST(DTInfo, RefusedWritesLeaveStoreUnchanged) {
-    DTInfo *info = DTInfo_New(1024);
+    // Refused writes leave the store unchanged.
+    info = DTInfo_New(1024);
     DTInfo_Write(info, "w", "keep");
     const std::string before = Area(info, 1024), big(1100, 'b');
     testing::internal::CaptureStdout();
@@ -102,8 +59,46 @@ TEST(DTInfo, RefusedWritesLeaveStoreUnchanged) {
     EXPECT_EQ("size 1104", testing::internal::GetCapturedStdout());
     EXPECT_EQ(before, Area(info, 1024));
     info->memory->data[2] = 0xFF;  // the data length now runs past the area's end
-    uint32_t cursor = DTINFO_START;
-    EXPECT_EQ(0, DTInfo_Get(info, nullptr, 0, &cursor, nullptr, nullptr, nullptr, nullptr));
+    EXPECT_EQ(0, Count(info, nullptr));
+    DTInfo_Release(info);
+}
+
+// Equal by design, so not cases: a 4-byte copy taken by the 2-byte path, a 16-byte copy
+// or fill made whole rather than as two 8-byte moves (same bytes); a grow step of exactly
+// the largest step chosen either way; "size " copied with its NUL, which the digits
+// overwrite; the size report through fwrite instead of the unlocked path, or unlocked
+// once a second thread exists (same bytes; only a race between threads could tell).
+TEST(DTInfo, GrowthRuleAndReport) {
+    struct Case { uint32_t maxsize, data; std::vector<uint32_t> caps; } cases[] = {
+        {8192, 1000, {2048, 4096, 8192}}, {3072, 1000, {2048, 3072}},
+        {5120, 1000, {2048, 4096, 5120}},  // doubles while the limit is at least twice the area
+        {0, 1000, {2048, 4096, 8192, 16384, 32768, 65536, 131072, 262144, 524288, 786432}},
+        {0, 4996, {5120}},  // one record: its shortfall 3976 rounded up to 4096
+    };
+    const std::string data(4996, 'x');
+    testing::internal::CaptureStdout();
+    for (auto &c : cases) {
+        DTInfo *info = DTInfo_New(c.maxsize);
+        std::vector<uint32_t> caps;
+        while (caps.size() < c.caps.size() && DTInfo_Append(info, "k", 1, data.data(), c.data) > 0)
+            if (info->memory->size != (caps.empty() ? 1024 : caps.back())) caps.push_back(info->memory->size);
+        EXPECT_EQ(c.caps, caps) << "maxsize " << c.maxsize;
+        DTInfo_Release(info);
+    }
+    testing::internal::GetCapturedStdout();
+
+    DTInfo *info = DTInfo_New(8192);
+    DTInfo_Append(info, "k", 1, data.data(), 1000);
+    std::string oldArea = Hex(info->memory);
+    testing::internal::CaptureStdout();
+    ASSERT_EQ(1004, DTInfo_Append(info, "k", 1, data.data(), 1000));
+    std::string head = "logger info addr: " + Hex(info) + "\nmemory addr: ";
+    EXPECT_EQ("size 1004" + head + oldArea + "\nmemory size: 1024\nfree addr:   1004\nuse  addr:   0\n"
+              "maxsize: 8192\nfreesize: 20\nadd size 1024, new size 2048 freesize 1044\n" + head +
+              Hex(info->memory) + "\nmemory size: 2048\nfree addr:   1004\nuse  addr:   0\n"
+              "maxsize: 8192\nfreesize: 1044\n", testing::internal::GetCapturedStdout());
+    DTInfo_ReSize(info, 2048);  // a limit no larger than the area starts a fresh one, as a smaller one
+    EXPECT_EQ(1024u, info->memory->size);
     DTInfo_Release(info);
 }
 
@@ -136,7 +131,7 @@ TEST(DTInfo, FullRingWalksAndWraps) {
     DTInfo_Release(info);
 }
 
-TEST(DTInfoPack, AddInfoLayoutFollowsFlag) {
+TEST(DTInfoPack, AddInfoLayoutFollowsFlagUpToTheLargestRecord) {
     struct Case { uint32_t id; bool flagOn; const char *format; uint32_t dataLen; } cases[] = {
         {12, false, "*TBhI4S2S0S", 17}, {12, true, "*TBhI4S2S6S", 23}, {2500, false, "*TBhI4S2S6S", 23}};
     for (const Case &c : cases) {
@@ -157,10 +152,7 @@ TEST(DTInfoPack, AddInfoLayoutFollowsFlag) {
         EXPECT_EQ(0, DTInfo_GetPack(info, &cursor, format, &data));
         DTInfo_Release(info);
     }
-}
-
-// The data length field has 16 bits: a record of 0xFFFF data bytes is the largest stored.
-TEST(DTInfoPack, AddInfoLargestRecord) {
+    // The data length field has 16 bits: a record of 0xFFFF data bytes is the largest stored.
     DTInfo *info = DTInfo_New(0);
     const std::string big(0xFFFF, 'b');
     DTInfo_AddInfo(info, 1, 12, nullptr, 0, nullptr, 0, nullptr, 0, 0);  // null texts of no bytes

@@ -34,7 +34,6 @@ TEST(DTLogger, WriteObeysFlagWord) {
     for (const auto &c : cases) {
         SCOPED_TRACE(std::to_string(c.flags) + " level " + std::to_string(c.level));
         DTLogger *logger = DTLogger_New(c.flags);
-        dttest::ClearConsole();
         EXPECT_EQ(c.result, DTLogger_Write(logger, c.level, c.text));
         EXPECT_EQ(c.echo, Flushed());
         const std::vector<std::string> recs = Records(logger);
@@ -48,53 +47,9 @@ TEST(DTLogger, WriteObeysFlagWord) {
     EXPECT_EQ(-1, DTLogger_Write(nullptr, 1, "x"));
 }
 
-TEST(DTLogger, AppendShowAndIgnore) {
-    DTLogger *logger = DTLogger_New(0);
-    DTLogger_SetInfoSize(logger, 30000);
-    DTLogger_Append(logger, 0, 99, "boot");
-    DTLogger_Append(logger, 3, 0, "err");
-    EXPECT_EQ("boot\n", Flushed());  // whatever the flag word, only level 0 echoes
-    DTLogger_SetInfoSize(logger, 8192);  // too late: the store exists
-    EXPECT_EQ(30720u, logger->store->maxsize);
-    std::vector<std::string> recs = Records(logger);
-    ASSERT_EQ(4u, recs.size());
-    EXPECT_EQ(2 + 15u, recs[0].size());
-    EXPECT_EQ(' ', recs[0].back());
-    EXPECT_EQ("l:boot", recs[1]);
-    EXPECT_EQ("e:err", recs[3]);
-    DTLogger_Ignore(logger, 1);
-    EXPECT_EQ(0, DTLogger_Write(logger, 1, "x"));
-    DTLogger_Append(logger, 0, 0, "x");
-    EXPECT_EQ(4u, Records(logger).size());
-    EXPECT_EQ("", Flushed());
-    DTLogger_Ignore(logger, 0);
-    DTLogger_ClearInfo(logger);
-    EXPECT_EQ(0u, Records(logger).size());
-
-    DTLogger_SetFlag(logger, 255);
-    DTLogger_Write(logger, 1, "hello");
-    DTInfo_Write(logger->store, "l", "");  // an empty line shows as a bare line break
-    const std::string shown = Records(logger)[0].substr(2) + "\nhello\n\n";
-    dttest::ClearConsole();
-    dttest::ClearDelays();
-    DTLogger_ShowInfo(logger, 1);
-    EXPECT_EQ(shown, dttest::ConsoleText());
-    DTBuf *buf = DTBuf_New(1, 16, 0);
-    DTLogger_ShowToBuf(logger, buf);
-    void *text;
-    ASSERT_EQ((int32_t)shown.size() + 1, DTBuf_Get(buf, 0, &text));
-    EXPECT_EQ(shown, std::string((char *)text, shown.size()));
-    EXPECT_EQ(std::vector<uint32_t>({1000, 1000}), dttest::Delays());
-    // 401 records: the last one, index 400, is the fifth to pause before it.
-    for (int i = 0; i < 199; ++i) DTLogger_Append(logger, 1, 0, "x");
-    dttest::ClearDelays();
-    DTLogger_ShowToBuf(logger, buf);
-    EXPECT_EQ(std::vector<uint32_t>(5, 1000), dttest::Delays());
-    DTBuf_Release(buf);
-    DTLogger_Release(logger);
-}
-
-TEST(DTLogger, HeaderStackAndFieldsAreBounded) {
+TEST(DTLogger, BoundedFieldsThenAppendShowAndIgnore) {
+    // Bounded header stack and fields. The release that closes a host's file comes first: one before it
+    // that wrongly closed descriptor 0 would let the file reuse 0 and be closed all the same.
     DTLogger *logger = DTLogger_New(255);
     DTLogger_Header(logger, "a");
     DTLogger_Tail(logger);
@@ -122,4 +77,47 @@ TEST(DTLogger, HeaderStackAndFieldsAreBounded) {
     DTLogger_Release(logger);
     EXPECT_EQ(-1, fcntl(fd, F_GETFD));
     DTLogger_Release(nullptr);
+
+    logger = DTLogger_New(0);
+    DTLogger_SetInfoSize(logger, 30000);
+    DTLogger_Append(logger, 0, 99, "boot");
+    DTLogger_Append(logger, 3, 0, "err");
+    EXPECT_EQ("boot\n", Flushed());  // whatever the flag word, only level 0 echoes
+    DTLogger_SetInfoSize(logger, 8192);  // too late: the store exists
+    EXPECT_EQ(30720u, logger->store->maxsize);
+    std::vector<std::string> recs = Records(logger);
+    ASSERT_EQ(4u, recs.size());
+    EXPECT_EQ(2 + 15u, recs[0].size());
+    EXPECT_EQ(' ', recs[0].back());
+    EXPECT_EQ("l:boot", recs[1]);
+    EXPECT_EQ("e:err", recs[3]);
+    DTLogger_Ignore(logger, 1);
+    EXPECT_EQ(0, DTLogger_Write(logger, 1, "x"));
+    DTLogger_Append(logger, 0, 0, "x");
+    EXPECT_EQ(4u, Records(logger).size());
+    EXPECT_EQ("", Flushed());
+    DTLogger_Ignore(logger, 0);
+    DTLogger_ClearInfo(logger);
+    EXPECT_EQ(0u, Records(logger).size());
+
+    DTLogger_SetFlag(logger, 255);
+    DTLogger_Write(logger, 1, "hello");
+    DTInfo_Write(logger->store, "l", "");  // an empty line shows as a bare line break
+    const std::string shown = Records(logger)[0].substr(2) + "\nhello\n\n";
+    dttest::ClearDelays();
+    DTLogger_ShowInfo(logger, 1);
+    EXPECT_EQ(shown, dttest::ConsoleText());
+    DTBuf *buf = DTBuf_New(1, 16, 0);
+    DTLogger_ShowToBuf(logger, buf);
+    void *text;
+    ASSERT_EQ((int32_t)shown.size() + 1, DTBuf_Get(buf, 0, &text));
+    EXPECT_EQ(shown, std::string((char *)text, shown.size()));
+    EXPECT_EQ(std::vector<uint32_t>({1000, 1000}), dttest::Delays());
+    // 401 records: the last one, index 400, is the fifth to pause before it.
+    for (int i = 0; i < 199; ++i) DTLogger_Append(logger, 1, 0, "x");
+    dttest::ClearDelays();
+    DTLogger_ShowToBuf(logger, buf);
+    EXPECT_EQ(std::vector<uint32_t>(5, 1000), dttest::Delays());
+    DTBuf_Release(buf);
+    DTLogger_Release(logger);
 }
