@@ -376,9 +376,7 @@ TEST_F(Crash, EveryCrashSavesTheFaultPictureAndDiesByItsSignal) {
 // action ignores whatever mask and flags the uncleared fields hold); the first page's bound at
 // 4096, a flush one byte early, the signal table's end (any signal not in it reads as "SIG?"
 // either way), and the list walk's count starting at 1 (without a list the walk has no node
-// to start from). Left untested: :174, the walk reading one byte past a chain that ends
-// exactly at the area's end, which differs only for a wrapped store whose records fill it to
-// its last byte before going on from its start, a shape no host's lines are made to take.
+// to start from).
 TEST_F(Crash, RefusalsTheAlternateStackTheStampAndSwitchingOff) {
     setenv("TZ", "UTC", 1);
     tzset();
@@ -493,6 +491,13 @@ TEST_F(Crash, InterruptedOrFailedSaveLeavesATruncatedFileOrInDurableModeTheOldOn
 // Ring stores that wrapped, each record length the walk meets: the crash save
 // writes what the normal save writes, with its two records before the end mark.
 TEST_F(Crash, CrashSaveWritesWhatTheSaveWrites) {
+    // A full ring whose oldest records end at its area's last byte (lines of two records, 32 bytes
+    // in all): a walk that went on at the area's end would read the byte past it, and stop there
+    // unless that byte happened to be a free mark.
+    DTFaultRecord *tiled = DTFault_Regist("tiled", nullptr);
+    DTLogger_SetInfoSize(tiled->runLog, 2048);
+    for (int line = 0; line < 200; ++line) DTFault_SetRunLog(tiled, 1, 0, "123456789");
+    ASSERT_EQ(tiled->runLog->store->useAddr, 256u) << "wrapped, 2048 - 256 bytes before the area's end";
     DTFaultRecord *f[3];
     for (int i = 0; i < 3; ++i) {
         f[i] = DTFault_Regist(("f" + std::to_string(i)).c_str(), nullptr);
@@ -504,7 +509,7 @@ TEST_F(Crash, CrashSaveWritesWhatTheSaveWrites) {
         }
         DTFault_SetRunLog(f[i], 1, 0, "");  // a record without data closes the store
     }
-    for (int i = 3; i <= 256; ++i) DTFault_Regist("idle", nullptr);  // one past the names the save keeps
+    for (int i = 4; i <= 256; ++i) DTFault_Regist("idle", nullptr);  // one past the names the save keeps
     DTFault_SetValue(f[1], 1, std::string(DTFAULT_VALUE_MAX, 'v').data(), DTFAULT_VALUE_MAX);  // too long for the file
     DTFault_SetValue(f[0], 2, std::string(5000, 'w').data(), 5000);
     // Values no fault owns: under a key of 3 bytes, and of a fault never registered.
